@@ -1,0 +1,73 @@
+// rfsi-device-root: runs a program inside a private device root, optionally seeded from a device tree.
+//   rfsi-device-root [--tree DIR] [--show DIR]... [--show-writable DIR]... -- PROGRAM [ARGUMENT]...
+#include "DeviceRoot.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <getopt.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int usageError = 2;
+constexpr int setupError = 3;
+
+std::string absolutePath(const char *path)
+{
+    char *resolved = ::realpath(path, nullptr);
+    if (!resolved)
+        return path; // enter() names the path that does not exist
+    std::string result = resolved;
+    std::free(resolved);
+    return result;
+}
+
+int usage(const char *program)
+{
+    std::fprintf(stderr, "usage: %s [--tree DIR] [--show DIR]... [--show-writable DIR]... -- PROGRAM [ARGUMENT]...\n",
+                 program);
+    return usageError;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const option longOptions[] = {
+        {"tree", required_argument, nullptr, 't'},
+        {"show", required_argument, nullptr, 's'},
+        {"show-writable", required_argument, nullptr, 'w'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+    };
+    deviceroot::Options options;
+    for (int choice; (choice = ::getopt_long(argc, argv, "+t:s:w:h", longOptions, nullptr)) != -1;) {
+        switch (choice) {
+        case 't':
+            options.deviceTree = absolutePath(optarg);
+            break;
+        case 's':
+        case 'w':
+            options.hostFolders.push_back({absolutePath(optarg), choice == 'w'});
+            break;
+        default:
+            return usage(argv[0]);
+        }
+    }
+    if (optind >= argc)
+        return usage(argv[0]);
+
+    try {
+        deviceroot::enter(options);
+    } catch (const deviceroot::SetupError &error) {
+        std::fprintf(stderr, "%s: cannot set up the private device root: %s\n", argv[0], error.what());
+        return setupError;
+    }
+    ::execvp(argv[optind], argv + optind);
+    std::fprintf(stderr, "%s: cannot run %s inside the device root: %s\n", argv[0], argv[optind], std::strerror(errno));
+    return 127;
+}
