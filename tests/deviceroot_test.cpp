@@ -1,0 +1,118 @@
+// The private device root itself: what the tests rely on when they write at the instrument's paths.
+#include "DeviceRoot.h"
+#include "DeviceTest.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include <unistd.h>
+
+using namespace rfsitest;
+namespace fs = std::filesystem;
+
+namespace {
+
+bool canCreate(const std::string &path)
+{
+    const bool created = std::ofstream(path).good();
+    if (created)
+        fs::remove(path);
+    return created;
+}
+
+} // namespace
+
+class DeviceRootTest : public DeviceTest
+{
+};
+
+TEST_F(DeviceRootTest, DeviceFoldersStartEmptyAndWritable)
+{
+    for (const std::string &folder : deviceroot::deviceFolders()) {
+        SCOPED_TRACE(folder);
+        ASSERT_TRUE(fs::is_directory(folder));
+        EXPECT_TRUE(fs::is_empty(folder));
+        EXPECT_TRUE(canCreate(folder + "/probe"));
+    }
+}
+
+TEST_F(DeviceRootTest, ProgramFoldersShowTheHostProgramsAndTakeWritesSeparately)
+{
+    EXPECT_TRUE(fs::exists("/bin/sh"));
+    EXPECT_TRUE(fs::exists("/usr/bin/sh"));
+    writeDeviceFile("/bin/getSicutil", "#!/bin/sh\n", 0755);
+    EXPECT_TRUE(fs::exists("/bin/getSicutil"));
+    EXPECT_FALSE(fs::exists("/usr/bin/getSicutil")) << "/bin and /usr/bin must be separate device folders";
+}
+
+TEST_F(DeviceRootTest, HostSystemFoldersAreReadOnly)
+{
+    for (const char *path : {"/usr/probe", "/etc/probe", "/dev/probe"}) {
+        EXPECT_FALSE(canCreate(path)) << path;
+        EXPECT_EQ(errno, EROFS) << path;
+    }
+}
+
+TEST_F(DeviceRootTest, OtherHostPathsAreNotReachable)
+{
+    // /var and /home exist on every Debian host; the root shows only what it was built with.
+    EXPECT_FALSE(fs::exists("/var"));
+    EXPECT_FALSE(fs::exists("/home"));
+    EXPECT_FALSE(fs::exists("/sys/class/net"));
+}
+
+TEST_F(DeviceRootTest, ResetDropsEveryWriteAndRestoresRemovedPrograms)
+{
+    ASSERT_TRUE(fs::remove("/usr/bin/true"));
+    writeDeviceFile("/bin/getSicutil", "tool");
+    writeDeviceFile("/storage/deep/folder/file", "x");
+    writeDeviceFile("/tmp/SystemInventoryInfo.info", "x");
+    writeDeviceFile("/sys/class/thermal/thermal_zone0/temp", "45200\n");
+
+    deviceroot::reset();
+
+    EXPECT_TRUE(fs::exists("/usr/bin/true"));
+    EXPECT_FALSE(fs::exists("/bin/getSicutil"));
+    for (const std::string &folder : deviceroot::deviceFolders())
+        EXPECT_TRUE(fs::is_empty(folder)) << folder;
+}
+
+TEST_F(DeviceRootTest, BuildTreeStaysVisibleAtItsOwnPath)
+{
+    EXPECT_TRUE(fs::is_directory(RFSI_TEST_BINARY_DIR));
+    EXPECT_TRUE(fs::exists(fs::path(RFSI_TEST_SOURCE_DIR) / "CMakeLists.txt"));
+    deviceroot::reset();
+    EXPECT_TRUE(fs::is_directory(RFSI_TEST_BINARY_DIR));
+}
+
+TEST_F(DeviceRootTest, DeviceTreeSeedsTheFixedPathsWithoutBeingChanged)
+{
+    // A nested root, in a fresh process, seeded from a tree written in this one.
+    writeDeviceFile("/storage/tree/storage/RFHW_Revision.info", "RF_REVISION=2.1/1.0/3.0\n");
+    writeDeviceFile("/storage/tree/bin/getSicutil", "#!/bin/sh\necho seeded\n", 0755);
+    inFreshProcess([] {
+        deviceroot::Options options;
+        options.deviceTree = "/storage/tree";
+        ASSERT_NO_THROW(deviceroot::enter(options));
+        EXPECT_TRUE(fs::exists("/storage/RFHW_Revision.info"));
+        EXPECT_TRUE(fs::exists("/bin/getSicutil"));
+        EXPECT_TRUE(fs::exists("/bin/sh")) << "a seeded /bin still shows the host's programs";
+        fs::remove("/storage/RFHW_Revision.info");
+        writeDeviceFile("/bin/extra", "x");
+        EXPECT_TRUE(fs::exists("/.deviceroot/tree/storage/RFHW_Revision.info")) << "the tree must stay unchanged";
+        EXPECT_FALSE(fs::exists("/.deviceroot/tree/bin/extra"));
+        deviceroot::reset();
+        EXPECT_TRUE(fs::exists("/storage/RFHW_Revision.info")) << "reset restores the seeded content";
+        EXPECT_FALSE(fs::exists("/bin/extra"));
+    });
+}
+
+TEST_F(DeviceRootTest, RefusesADeviceTreeItCannotShow)
+{
+    deviceroot::Options options;
+    for (const char *tree : {"relative/tree", "/storage/no-such-tree"}) {
+        options.deviceTree = tree;
+        EXPECT_THROW(deviceroot::enter(options), deviceroot::SetupError) << tree;
+    }
+}

@@ -1,0 +1,32 @@
+#!/bin/sh
+# Records, or compares with a record, the state of the instrument's fixed paths on this host, so that a
+# test run can show it wrote nothing there.
+#   host_paths.sh snapshot FILE | compare FILE
+set -eu
+paths="/tmp/SystemInventoryInfo.info /storage /Dsp /DspCpri /bin/DpbJsonInfo.json /bin/getSicutil
+/usr/bin/sicutil /bin/DNC_10_100M.csv /bin/Low_10_100M.csv /bin/High_10_100M.csv /bin/dncDac1.csv
+/bin/dncDac2.csv /bin/nyroFreq1stlow.csv /bin/nyroFreq1sthigh.csv /bin/nyro_spur_low.csv
+/bin/nyro_spur_high.csv /bin/basic_freq_cal.csv /bin/freq_cal_high.csv /bin/freq_cal_low.csv
+/bin/dnc_freq_cal.csv /bin/thirdAmpOffset.dat /.deviceroot /tmp/.deviceroot"
+
+state() {
+    for path in $paths; do
+        if [ -e "$path" ] || [ -L "$path" ]; then
+            find "$path" -printf '%p %y %s %T@\n' 2>/dev/null | sort
+        else
+            echo "$path absent"
+        fi
+    done
+}
+
+case "${1:-}" in
+snapshot) state >"$2" ;;
+compare)
+    if ! state | diff -u "$2" - ; then
+        echo "the test run changed the host's instrument paths (above)" >&2
+        exit 1
+    fi
+    echo "host instrument paths unchanged"
+    ;;
+*) echo "usage: $0 snapshot|compare FILE" >&2; exit 2 ;;
+esac
