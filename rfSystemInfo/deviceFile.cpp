@@ -1,8 +1,9 @@
 #include "deviceFile.h"
 
-#include <QFile>
 #include <QSettings>
+#include <QTextStream>
 
+#include <algorithm>
 #include <cstring>
 
 namespace rfsi {
@@ -19,9 +20,41 @@ QString textUpToNul(const std::string &bytes)
     return textUpToNul(bytes.data(), static_cast<qsizetype>(bytes.size()));
 }
 
+QString textUpToNul(const QByteArray &bytes)
+{
+    return textUpToNul(bytes.constData(), bytes.size());
+}
+
+bool exists(const QString &path)
+{
+    return QFile::exists(path);
+}
+
+bool openForReading(QFile &file, QIODevice::OpenMode mode)
+{
+    return file.open(mode);
+}
+
+std::optional<CountedList> readCountedList(const QString &path, int capacity)
+{
+    QFile file(path);
+    if (!exists(path) || !openForReading(file))
+        return std::nullopt;
+    QTextStream stream(&file);
+    // The lists are written in UTF-8 whatever the caller's locale.
+    stream.setCodec("UTF-8");
+    CountedList list;
+    list.count = stream.readLine().toInt();
+    const int kept = std::clamp(list.count, 0, capacity);
+    list.entries.reserve(static_cast<size_t>(kept));
+    for (int i = 0; i < kept; ++i)
+        list.entries.push_back(stream.readLine().toStdString());
+    return list;
+}
+
 std::optional<QString> readIniValue(const QString &path, const QString &key)
 {
-    if (!QFile::exists(path))
+    if (!exists(path))
         return std::nullopt;
     const QSettings settings(path, QSettings::IniFormat);
     return settings.value(key, QString::fromLatin1(missingKeyMarker)).toString();

@@ -3,10 +3,13 @@
 #ifndef RFSYSTEMINFO_DEVICEFILE_H
 #define RFSYSTEMINFO_DEVICEFILE_H
 
+#include <QByteArray>
+#include <QFile>
 #include <QString>
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace rfsi {
 
@@ -18,10 +21,28 @@ inline constexpr char missingKeyMarker[] = "r";
 // Bytes as text the way the instrument's callers expect: decoded as UTF-8 and cut at the first NUL.
 QString textUpToNul(const char *data, qsizetype size);
 QString textUpToNul(const std::string &bytes);
+QString textUpToNul(const QByteArray &bytes);
 
 // The value of a top-level key of an INI file, as QSettings delivers it; missingKeyMarker when the
 // file lacks the key (or does not parse). std::nullopt when the file does not exist.
 std::optional<QString> readIniValue(const QString &path, const QString &key);
+
+// Whether a file (or folder) stands at `path`; a symbolic link counts when its target does.
+bool exists(const QString &path);
+
+// Opens a device file for reading; false when it does not open.
+bool openForReading(QFile &file, QIODevice::OpenMode mode = QIODevice::ReadOnly);
+
+// A counted list: line 1 holds the number of entries, each following line one entry, untrimmed.
+struct CountedList
+{
+    int count = 0;                    // line 1 as a number; 0 when it is not one
+    std::vector<std::string> entries; // the first min(count, capacity) entries, UTF-8
+};
+
+// Reads a counted list, keeping at most `capacity` entries; lines missing at the end of the file read
+// as empty entries. std::nullopt when the file does not exist or does not open.
+std::optional<CountedList> readCountedList(const QString &path, int capacity);
 
 } // namespace rfsi
 

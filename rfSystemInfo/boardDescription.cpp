@@ -1,0 +1,55 @@
+// The board description: a JSON document that describes the DPB, of which this library reads the FPGA
+// bank versions. Log watchers on the instrument match the two failure lines as they stand.
+#include "rfSystem_Info.h"
+
+#include "DpbJsonHandle.h"
+#include "deviceFile.h"
+
+#include <QJsonObject>
+#include <QJsonValue>
+
+#include <cstdio>
+
+namespace {
+
+constexpr char boardDescriptionPath[] = "/bin/DpbJsonInfo.json";
+constexpr char fpgaVersionSection[] = "FPGA_VER";
+constexpr char defaultFpgaVersion[] = "1000";
+
+// The open-failure line names its origin the way the instrument's logs always have.
+constexpr char openFailureFormat[] = "[%s:%s:%d] File open fail!! %s\n";
+constexpr char openFailureSource[] = "rfSystemInfo/rfSystem_Info";
+constexpr char openFailureFunction[] = "loadDpbSysmtemInfo";
+constexpr int openFailureLine = 410;
+constexpr char nullDocumentMessage[] = "## FlashJSonFile is Null";
+
+} // namespace
+
+int rfSystemInfo::loadDpbSysmtemInfo()
+{
+    QFile file(QString::fromLatin1(boardDescriptionPath));
+    if (!rfsi::openForReading(file, QIODevice::ReadOnly | QIODevice::Text)) {
+        std::printf(openFailureFormat, openFailureSource, openFailureFunction, openFailureLine, boardDescriptionPath);
+        return -1;
+    }
+    const QString content = rfsi::textUpToNul(file.readAll());
+    file.close();
+
+    dpbJsonDoc = QJsonDocument::fromJson(content.toUtf8());
+    if (dpbJsonDoc.isNull()) {
+        std::puts(nullDocumentMessage);
+        return -1;
+    }
+    return 0;
+}
+
+QString rfSystemInfo::getFpgaVersionrfSystemInfo(QString key)
+{
+    DpbJsonHandle handle;
+    // When the file cannot be read, the document of the last read that could still answers.
+    loadDpbSysmtemInfo();
+    const QJsonObject section = handle.getObjectList(dpbJsonDoc, QString::fromLatin1(fpgaVersionSection));
+    // Only a JSON string is a version: anything else (absent, a number) reads as a null text.
+    const QString version = section.value(key).toString();
+    return version.isNull() ? QString::fromLatin1(defaultFpgaVersion) : version;
+}

@@ -1,0 +1,99 @@
+// Product identity: the model and serial number come from the identity tools on the device, the
+// versions from the package and from constants of this library.
+#include "rfSystem_Info.h"
+
+#include "VersionInfo.h"
+#include "deviceFile.h"
+
+#include <QDebug>
+#include <QProcess>
+#include <QStringList>
+
+namespace {
+
+// The identity tools, asked in this order.
+const char *const identityTools[] = {"/bin/getSicutil", "/usr/bin/sicutil"};
+constexpr char productNameField[] = "ProductName";
+constexpr char productSerialField[] = "ProductSerialNumber";
+constexpr char fallbackModel[] = "KV720";
+constexpr char fallbackSerial[] = "SERIALNOTSET";
+constexpr char rfSerial[] = "RFSERIAL";
+constexpr char uiVersion[] = "5.010.005a";
+
+// Programs of the sicutil family take the field behind these options.
+constexpr char sicutilFamily[] = "icutil";
+const char *const sicutilOptions[] = {"-r", "-sol", "5"};
+constexpr int toolTimeoutMs = 8000;
+
+QStringList toolArguments(const QString &program, const QString &argument)
+{
+    QStringList arguments;
+    if (program.indexOf(QLatin1String(sicutilFamily), 0, Qt::CaseSensitive) != -1) {
+        for (const char *option : sicutilOptions)
+            arguments << QString::fromLatin1(option);
+    }
+    arguments << argument;
+    return arguments;
+}
+
+// The first identity tool's non-empty answer for `field`, else `fallback`.
+QString askIdentityTools(rfSystemInfo &info, const char *field, const std::string &fallback)
+{
+    for (const char *tool : identityTools) {
+        const QString answer = info.executeCmd(tool, field);
+        if (!answer.isEmpty())
+            return answer;
+    }
+    return QString::fromStdString(fallback);
+}
+
+} // namespace
+
+QString rfSystemInfo::executeCmd(std::string program, std::string argument)
+{
+    const QString programPath = QString::fromStdString(program);
+    const QStringList arguments = toolArguments(programPath, QString::fromStdString(argument));
+    qDebug() << programPath << arguments;
+
+    QProcess process;
+    process.start(programPath, arguments, QIODevice::ReadOnly);
+    process.waitForFinished(toolTimeoutMs);
+    const QString output = rfsi::textUpToNul(process.readAllStandardOutput());
+    process.close();
+    return output.simplified();
+}
+
+QString rfSystemInfo::getSystemModelSystemCmd(std::string fallback)
+{
+    return askIdentityTools(*this, productNameField, fallback);
+}
+
+QString rfSystemInfo::getSystemModel()
+{
+    return getSystemModelSystemCmd(fallbackModel);
+}
+
+QString rfSystemInfo::getSystemSerialSystemCmd(std::string fallback)
+{
+    return askIdentityTools(*this, productSerialField, fallback);
+}
+
+QString rfSystemInfo::getSystemSerial()
+{
+    return getSystemSerialSystemCmd(fallbackSerial);
+}
+
+QString rfSystemInfo::checkSystemRfSerial()
+{
+    return QString::fromLatin1(rfSerial);
+}
+
+QString rfSystemInfo::checkSystemFirmwareVersion()
+{
+    return VersionInfo::getPkgVersion();
+}
+
+QString rfSystemInfo::checkSystemUIVersion()
+{
+    return QString::fromLatin1(uiVersion);
+}
