@@ -1,6 +1,7 @@
 // The tests' main: the whole run happens inside a private device root, or not at all.
 #include "DeviceRoot.h"
 
+#include <QString>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -25,5 +26,10 @@ int main(int argc, char **argv)
             return 1;
         }
     }
+    // The command runner's debug line per run would flood the log; tests that check it collect it.
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &message) {
+        if (type != QtDebugMsg)
+            std::fprintf(stderr, "%s\n", qPrintable(message));
+    });
     return RUN_ALL_TESTS();
 }

@@ -1,0 +1,158 @@
+// Product identity: the command runner with real child programs, the identity tools' order and
+// fallbacks, and the version constants.
+#include "DeviceRoot.h"
+#include "DeviceTest.h"
+#include "rfSystem_Info.h"
+
+#include <QElapsedTimer>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include <signal.h>
+
+using namespace rfsitest;
+namespace fs = std::filesystem;
+
+namespace {
+
+void installTool(const std::string &path, const std::string &script)
+{
+    writeDeviceFile(path, "#!/bin/sh\n" + script + "\n", 0755);
+}
+
+// A tool that answers per field, and leaves a mark that it ran.
+std::string answeringTool(const std::string &name, const std::string &model, const std::string &serial)
+{
+    return "touch /tmp/" + name +
+           ".ran\n"
+           "[ \"$1 $2 $3\" = '-r -sol 5' ] || exit 1\n"
+           "case \"$4\" in ProductName) printf '" +
+           model + "';; ProductSerialNumber) printf '" + serial + "';; esac";
+}
+
+QStringList debugLines;
+void collectDebugLine(QtMsgType, const QMessageLogContext &, const QString &message)
+{
+    debugLines << message;
+}
+
+} // namespace
+
+class IdentityTest : public DeviceTest
+{
+protected:
+    rfSystemInfo &info = *rfSystemInfo::param();
+};
+
+TEST_F(IdentityTest, OutputIsSimplifiedAndEndsAtTheFirstNul)
+{
+    const std::pair<const char *, QString> cases[] = {
+        {"printf '  ABC   \\n'", "ABC"},
+        {"printf 'A B\\nC\\n'", "A B C"},
+        {"printf '\\t x \\r\\n\\n'", "x"},
+        {"printf 'ABC\\000DEF'", "ABC"},
+        {"printf 'Pr\\303\\274f'", QString::fromUtf8("Prüf")},
+        {"echo only-on-stderr >&2", ""},
+        {"echo failed; exit 3", "failed"}, // the exit code plays no part
+    };
+    for (const auto &[script, expected] : cases) {
+        installTool("/bin/tool", script);
+        EXPECT_EQ(info.executeCmd("/bin/tool", "x"), expected) << script;
+    }
+}
+
+TEST_F(IdentityTest, SicutilFamilyGetsItsOptionsAndArgumentsArePassedLiterally)
+{
+    const std::pair<const char *, QString> cases[] = {
+        {"/storage/opt/myicutil", "<-r><-sol><5><$(touch /tmp/injected) *>"},
+        {"/bin/echoargs", "<$(touch /tmp/injected) *>"},
+        {"/bin/ICUTIL", "<$(touch /tmp/injected) *>"}, // the test is case-sensitive
+    };
+    for (const auto &[program, expected] : cases) {
+        installTool(program, "printf '<%s>' \"$@\"");
+        EXPECT_EQ(info.executeCmd(program, "$(touch /tmp/injected) *"), expected) << program;
+    }
+    EXPECT_FALSE(fs::exists("/tmp/injected")) << "the argument went through a shell";
+}
+
+TEST_F(IdentityTest, EachRunWritesOneDebugLine)
+{
+    debugLines.clear();
+    const QtMessageHandler previous = qInstallMessageHandler(collectDebugLine);
+    info.executeCmd("/bin/missing/sicutil", "ProductName");
+    info.executeCmd("/bin/cat", "a b");
+    qInstallMessageHandler(previous);
+    EXPECT_EQ(debugLines,
+              QStringList({R"("/bin/missing/sicutil" ("-r", "-sol", "5", "ProductName"))", R"("/bin/cat" ("a b"))"}));
+}
+
+TEST_F(IdentityTest, MissingProgramAnswersEmptyWithoutWaiting)
+{
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_EQ(info.executeCmd("/bin/no-such-tool", "x"), "");
+    EXPECT_LT(timer.elapsed(), 2000) << "a program that cannot start must not be waited for";
+}
+
+TEST_F(IdentityTest, IdentityToolsAreAskedInOrderWithFallbacks)
+{
+    struct Case
+    {
+        const char *description;
+        std::string first, second; // tool scripts; empty: no tool
+        QString model, serial;
+        bool secondAsked;
+    };
+    const Case cases[] = {
+        {"no tools", "", "", "KV720", "SERIALNOTSET", false},
+        {"first answers", answeringTool("first", "KV721", "S-1"), answeringTool("second", "X", "X"), "KV721", "S-1",
+         false},
+        {"first absent", "", answeringTool("second", "KV722", "S-2\\n"), "KV722", "S-2", true},
+        {"first prints only white space", answeringTool("first", " \\n\\t", " "), answeringTool("second", "M", "S"),
+         "M", "S", true},
+        {"first knows the model only", answeringTool("first", "KV721", ""), answeringTool("second", "X", "S-2"),
+         "KV721", "S-2", true},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.description);
+        deviceroot::reset();
+        if (!c.first.empty())
+            installTool("/bin/getSicutil", c.first);
+        if (!c.second.empty())
+            installTool("/usr/bin/sicutil", c.second);
+        EXPECT_EQ(info.getSystemModel(), c.model);
+        EXPECT_EQ(info.getSystemSerial(), c.serial);
+        EXPECT_EQ(fs::exists("/tmp/second.ran"), c.secondAsked);
+    }
+    deviceroot::reset();
+    EXPECT_EQ(info.getSystemModelSystemCmd(""), "");
+    EXPECT_TRUE(info.getSystemModelSystemCmd("").isEmpty());
+    EXPECT_EQ(info.getSystemSerialSystemCmd("custom"), "custom");
+}
+
+TEST_F(IdentityTest, HangingToolIsKilledAfterTheTimeOutAndItsOutputKept)
+{
+    installTool("/bin/getSicutil", "printf 'KV7-partial\\n'; echo $$ > /tmp/tool.pid; exec sleep 60");
+    installTool("/usr/bin/sicutil", answeringTool("second", "X", "X"));
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_EQ(info.getSystemModel(), "KV7-partial");
+    EXPECT_GE(timer.elapsed(), 7500);
+    EXPECT_LT(timer.elapsed(), 12000);
+    EXPECT_FALSE(fs::exists("/tmp/second.ran"));
+
+    pid_t pid = 0;
+    std::ifstream("/tmp/tool.pid") >> pid;
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(::kill(pid, 0), -1) << "the tool is still running";
+    EXPECT_EQ(errno, ESRCH);
+}
+
+TEST_F(IdentityTest, VersionTextsAreTheLibrarysOwn)
+{
+    EXPECT_EQ(info.checkSystemRfSerial(), "RFSERIAL");
+    EXPECT_EQ(info.checkSystemUIVersion(), "5.010.005a");
+    EXPECT_EQ(info.checkSystemFirmwareVersion(), RFSI_TEST_PACKAGE_VERSION);
+}
