@@ -1,0 +1,19 @@
+// The two forms of the report: aligned text for people, one JSON document for scripts.
+#ifndef RFSYSINFO_REPORTOUTPUT_H
+#define RFSYSINFO_REPORTOUTPUT_H
+
+#include "SystemReport.h"
+
+#include <QByteArray>
+
+struct ReportHeader
+{
+    QString version;
+    QString deviceTree; // empty: the machine's own paths
+    bool sanitized = false;
+};
+
+QByteArray textReport(const ReportHeader &header, const QVector<ReportSection> &report);
+QByteArray jsonReport(const ReportHeader &header, const QVector<ReportSection> &report);
+
+#endif // RFSYSINFO_REPORTOUTPUT_H

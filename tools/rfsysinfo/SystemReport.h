@@ -1,0 +1,47 @@
+// What rfsysinfo reports: everything the library answers, in titled sections, each kept both as
+// labelled text lines (for people) and as a JSON object with stable keys (for scripts).
+#ifndef RFSYSINFO_SYSTEMREPORT_H
+#define RFSYSINFO_SYSTEMREPORT_H
+
+#include <QJsonObject>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+class rfSystemInfo;
+
+struct ReportLine
+{
+    QString label;
+    QString text;
+    bool serial = false; // the text is a serial number
+};
+
+struct ReportSection
+{
+    QString name;  // for --section, and the section's key in the JSON document
+    QString title; // heading of the text report
+    QVector<ReportLine> lines;
+    QJsonObject json;
+    QStringList serialKeys; // members of `json` that hold serial numbers
+};
+
+struct ReportOptions
+{
+    QStringList sections; // names to report, in report order; empty: all
+    bool identityToolsRun = true;
+};
+
+// The section names, in report order.
+QStringList reportSectionNames();
+
+// Asks the library for every selected section.
+QVector<ReportSection> collectReport(rfSystemInfo &info, const ReportOptions &options);
+
+// Replaces every serial number in the report, wherever it appears, by a fixed placeholder.
+void sanitizeReport(QVector<ReportSection> &report);
+
+// The placeholder that stands for a serial number in a sanitized report.
+extern const QString serialPlaceholder;
+
+#endif // RFSYSINFO_SYSTEMREPORT_H
