@@ -27,10 +27,11 @@ constexpr int revisionSlot = 2;
 constexpr int productNameSlot = 10;
 constexpr int fpgaBankCount = 15;
 
-// Unsigned comparison, so that every negative index counts as out of range.
+// Unsigned arithmetic, so that every negative index counts as out of range (and INT_MIN - first
+// cannot overflow).
 bool inSlotRange(int index, int first, int last)
 {
-    return static_cast<unsigned>(index - first) <= static_cast<unsigned>(last - first);
+    return static_cast<unsigned>(index) - static_cast<unsigned>(first) <= static_cast<unsigned>(last - first);
 }
 
 } // namespace
