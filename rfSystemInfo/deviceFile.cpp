@@ -6,6 +6,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace rfsi {
 
 QString textUpToNul(const char *data, qsizetype size)
@@ -30,9 +34,25 @@ bool exists(const QString &path)
     return QFile::exists(path);
 }
 
+bool isRegularFile(const QString &path)
+{
+    struct stat info;
+    return ::stat(QFile::encodeName(path).constData(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
 bool openForReading(QFile &file, QIODevice::OpenMode mode)
 {
-    return file.open(mode);
+    // Opened without blocking and checked as opened, so that nothing can be swapped in between: a
+    // FIFO would block the open, a device or /proc file would never end.
+    const int fd = ::open(QFile::encodeName(file.fileName()).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0)
+        return false;
+    struct stat info;
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || !file.open(fd, mode, QFileDevice::AutoCloseHandle)) {
+        ::close(fd);
+        return false;
+    }
+    return true;
 }
 
 std::optional<CountedList> readCountedList(const QString &path, int capacity)
@@ -56,6 +76,10 @@ std::optional<QString> readIniValue(const QString &path, const QString &key)
 {
     if (!exists(path))
         return std::nullopt;
+    // QSettings opens the file itself, so the check comes just before: anything but a regular file
+    // counts as present and unreadable.
+    if (!isRegularFile(path))
+        return QString::fromLatin1(missingKeyMarker);
     const QSettings settings(path, QSettings::IniFormat);
     return settings.value(key, QString::fromLatin1(missingKeyMarker)).toString();
 }

@@ -24,13 +24,18 @@ QString textUpToNul(const std::string &bytes);
 QString textUpToNul(const QByteArray &bytes);
 
 // The value of a top-level key of an INI file, as QSettings delivers it; missingKeyMarker when the
-// file lacks the key (or does not parse). std::nullopt when the file does not exist.
+// file lacks the key, does not parse or is not a regular file. std::nullopt when the file does not
+// exist.
 std::optional<QString> readIniValue(const QString &path, const QString &key);
 
 // Whether a file (or folder) stands at `path`; a symbolic link counts when its target does.
 bool exists(const QString &path);
 
-// Opens a device file for reading; false when it does not open.
+// Whether `path` leads to a regular file (links followed).
+bool isRegularFile(const QString &path);
+
+// Opens a device file for reading; false when it does not open or is not a regular file. Reads then
+// never block and end at the file's size.
 bool openForReading(QFile &file, QIODevice::OpenMode mode = QIODevice::ReadOnly);
 
 // A counted list: line 1 holds the number of entries, each following line one entry, untrimmed.

@@ -5,9 +5,15 @@
 #include "VersionInfo.h"
 #include "deviceFile.h"
 
+#include <QDeadlineTimer>
 #include <QDebug>
 #include <QProcess>
 #include <QStringList>
+
+#include <algorithm>
+
+#include <signal.h>
+#include <unistd.h>
 
 namespace {
 
@@ -24,6 +30,31 @@ constexpr char uiVersion[] = "5.010.005a";
 constexpr char sicutilFamily[] = "icutil";
 const char *const sicutilOptions[] = {"-r", "-sol", "5"};
 constexpr int toolTimeoutMs = 8000;
+// Far longer than any identity field; a tool that prints more is cut off there instead of filling
+// the caller's memory for as long as the time-out lasts.
+constexpr qint64 toolOutputLimit = 1 << 20;
+
+// Each tool leads a process group of its own, so that whatever it starts can be stopped with it.
+class ToolProcess : public QProcess
+{
+protected:
+    void setupChildProcess() override { ::setsid(); }
+};
+
+// What the tool writes on standard output until it ends, the time-out passes or the limit is reached.
+QByteArray collectOutput(QProcess &process)
+{
+    const QDeadlineTimer deadline(toolTimeoutMs);
+    QByteArray output;
+    while (process.state() != QProcess::NotRunning && output.size() <= toolOutputLimit) {
+        if (!process.waitForReadyRead(static_cast<int>(deadline.remainingTime())) && deadline.hasExpired())
+            break;
+        output += process.read(toolOutputLimit + 1 - output.size());
+    }
+    // What arrived with the tool's end.
+    output += process.read(std::max<qint64>(0, toolOutputLimit - output.size()));
+    return output.left(static_cast<int>(toolOutputLimit));
+}
 
 QStringList toolArguments(const QString &program, const QString &argument)
 {
@@ -55,10 +86,15 @@ QString rfSystemInfo::executeCmd(std::string program, std::string argument)
     const QStringList arguments = toolArguments(programPath, QString::fromStdString(argument));
     qDebug() << programPath << arguments;
 
-    QProcess process;
+    ToolProcess process;
+    // Standard error is never read: it goes nowhere rather than into a buffer.
+    process.setStandardErrorFile(QProcess::nullDevice());
     process.start(programPath, arguments, QIODevice::ReadOnly);
-    process.waitForFinished(toolTimeoutMs);
-    const QString output = rfsi::textUpToNul(process.readAllStandardOutput());
+    const qint64 processGroup = process.processId();
+    const QString output = rfsi::textUpToNul(collectOutput(process));
+    // The tool and everything it started end here, also what still holds its output open.
+    if (processGroup > 0)
+        ::kill(static_cast<pid_t>(-processGroup), SIGKILL);
     process.close();
     return output.simplified();
 }
