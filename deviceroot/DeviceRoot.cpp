@@ -105,7 +105,9 @@ void makeFolders(const std::string &path, mode_t mode = 0755)
 void mountOrFail(const std::string &source, const std::string &target, const char *type, unsigned long flags,
                  const std::string &data, const std::string &what)
 {
-    if (::mount(source.c_str(), target.c_str(), type, flags, data.empty() ? nullptr : data.c_str()) != 0)
+    // Binds and remounts ignore the source's and type's text, but the call takes strings all the same.
+    const char *sourceText = source.empty() ? "none" : source.c_str();
+    if (::mount(sourceText, target.c_str(), type ? type : "none", flags, data.empty() ? nullptr : data.c_str()) != 0)
         fail(what);
 }
 
@@ -366,6 +368,17 @@ void enter(const Options &options)
         fail("detach the host's root");
     if (::chdir(workingFolder.c_str()) != 0 && ::chdir("/") != 0)
         fail("enter a working folder");
+}
+
+void makeReadOnly()
+{
+    if (!isInside())
+        throw SetupError("makeReadOnly: this process is not inside a device root");
+    for (const std::string &fixedPath : fixedPaths()) {
+        // A plain folder must become a mount of its own before it can be read-only.
+        mountOrFail(fixedPath, fixedPath, nullptr, MS_BIND | MS_REC, {}, "bind " + fixedPath + " onto itself");
+        makeReadOnly(fixedPath);
+    }
 }
 
 void reset()

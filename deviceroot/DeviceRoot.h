@@ -60,6 +60,10 @@ bool isInside();
 // as enter() made it. Host folders shown inside an unseeded device folder stay. Throws SetupError.
 void reset();
 
+// Makes every fixed path read-only, as on an instrument whose file systems are mounted so; reset()
+// cannot undo it. Throws SetupError.
+void makeReadOnly();
+
 } // namespace deviceroot
 
 #endif // DEVICEROOT_DEVICEROOT_H
