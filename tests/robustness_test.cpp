@@ -1,0 +1,204 @@
+// What a long-running caller relies on: no resource grows with use, the single instance is safe to
+// reach from many threads, and the library never writes to the device.
+#include "DeviceRoot.h"
+#include "DeviceTest.h"
+#include "QueryRound.h"
+#include "rfSystem_Info.h"
+
+#include <QCryptographicHash>
+
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <numeric>
+#include <thread>
+
+#include <malloc.h>
+#include <unistd.h>
+
+using namespace rfsitest;
+namespace fs = std::filesystem;
+
+namespace {
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define RFSI_THREAD_SANITIZER 1
+#endif
+#endif
+#ifdef RFSI_THREAD_SANITIZER
+constexpr bool underThreadSanitizer = true;
+#else
+constexpr bool underThreadSanitizer = false;
+#endif
+
+struct Usage
+{
+    long openFds = 0;
+    long children = 0;
+    long residentKiB = 0;
+    size_t heapInUse = 0;
+};
+
+Usage currentUsage()
+{
+    Usage usage;
+    for ([[maybe_unused]] const auto &fd : fs::directory_iterator("/proc/self/fd"))
+        ++usage.openFds;
+    const std::string self = std::to_string(::getpid());
+    for (const auto &process : fs::directory_iterator("/proc")) {
+        std::ifstream stat(process.path() / "stat");
+        std::string pid, name, state, parent;
+        if (stat >> pid >> name >> state >> parent && parent == self)
+            ++usage.children;
+    }
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmRSS:", 0) == 0)
+            usage.residentKiB = std::stol(line.substr(6));
+    usage.heapInUse = ::mallinfo2().uordblks;
+    return usage;
+}
+
+// Every entry below the fixed paths with its type, mode, size and time; content too, except for the
+// host's programs that /bin and /usr/bin show.
+std::map<std::string, std::string> deviceSnapshot()
+{
+    std::map<std::string, std::string> snapshot;
+    for (const char *root : {"/tmp", "/storage", "/Dsp", "/DspCpri", "/sys/class/thermal", "/bin", "/usr/bin"}) {
+        const bool programs = std::string(root).find("bin") != std::string::npos;
+        for (const auto &entry : fs::recursive_directory_iterator(root)) {
+            struct stat info
+            {
+            };
+            ::lstat(entry.path().c_str(), &info);
+            std::string state = std::to_string(info.st_mode) + " " + std::to_string(info.st_size) + " " +
+                                std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec);
+            if (S_ISREG(info.st_mode) && (!programs || info.st_size < 4096)) {
+                std::ifstream file(entry.path(), std::ios::binary);
+                state += " " + std::string(std::istreambuf_iterator<char>(file), {});
+            }
+            snapshot[entry.path()] = state;
+        }
+    }
+    return snapshot;
+}
+
+} // namespace
+
+class RobustnessTest : public DeviceTest
+{
+};
+
+TEST_F(RobustnessTest, TenThousandRoundsLeaveDescriptorsProcessesAndMemoryFlat)
+{
+#ifdef RFSI_TEST_SANITIZED
+    GTEST_SKIP() << "a sanitizer's allocator keeps freed memory on purpose; the plain build measures";
+#endif
+    installSampleDevice();
+    // glibc's per-thread cache counts the blocks it keeps for reuse as in use; without it, the heap in
+    // use is exact. The fresh process inherits the setting.
+    ::setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0", 1);
+    inFreshProcess([] {
+        rfSystemInfo &info = *rfSystemInfo::param();
+        // Warm-up: Qt's caches fill and the allocator's free lists settle.
+        for (int round = 0; round < 1000; ++round)
+            askEveryQuery(info, round % 10 == 0);
+        const Usage before = currentUsage();
+        for (int round = 0; round < 10000; ++round)
+            askEveryQuery(info, round % 10 == 0); // identity tools in every tenth round: each is a process
+        const Usage after = currentUsage();
+        EXPECT_EQ(after.openFds, before.openFds);
+        EXPECT_EQ(after.children, 0);
+        EXPECT_LT(static_cast<long>(after.heapInUse) - static_cast<long>(before.heapInUse), 1024)
+            << "bytes of heap kept";
+        EXPECT_LT(after.residentKiB - before.residentKiB, 512) << "KiB of resident memory gained";
+    });
+}
+
+TEST_F(RobustnessTest, ThirtyTwoThreadsShareOneInstanceWithItsInventoryLoaded)
+{
+    installSampleDevice();
+    inFreshProcess([] {
+        constexpr int threadCount = 32;
+        std::mutex mutex;
+        std::condition_variable start;
+        bool go = false;
+        rfSystemInfo *instances[threadCount] = {};
+        QString revisions[threadCount];
+        std::vector<std::thread> threads;
+        for (int i = 0; i < threadCount; ++i) {
+            threads.emplace_back([&, i] {
+                {
+                    std::unique_lock<std::mutex> lock(mutex);
+                    start.wait(lock, [&] { return go; });
+                }
+                instances[i] = rfSystemInfo::param();
+                revisions[i] = instances[i]->getDPBModuleRevision();
+            });
+        }
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            go = true;
+        }
+        start.notify_all();
+        for (std::thread &thread : threads)
+            thread.join();
+        for (int i = 0; i < threadCount; ++i) {
+            EXPECT_EQ(instances[i], instances[0]);
+            EXPECT_EQ(revisions[i], "C") << "thread " << i << " saw the inventory before it was loaded";
+        }
+    });
+}
+
+TEST_F(RobustnessTest, QueriesThatShareNoStateRunConcurrently)
+{
+    installSampleDevice();
+    rfSystemInfo &shared = *rfSystemInfo::param();
+    // Each thread has its own object for the queries that keep state in the object.
+    auto stateless = [&shared](rfSystemInfo &own) {
+        QStringList answers;
+        answers << QString::fromStdString(shared.getDpbRfSysInfoFromFile(3, true))
+                << QString::fromStdString(shared.getTopRfSysInfoFromFile(11, false)) << shared.getSystemDpbSerial()
+                << shared.checkRFModuleRevision() << QString::fromStdString(shared.getMixerModuStringRevision())
+                << shared.checkSystemTemperature() << shared.checkFlatnessFile() << shared.checkDncFreqCalFile()
+                << QString::number(shared.getDspActiveCount()) << shared.checkCpriDspString(1)
+                << shared.checkCpriDspVersion(0) << own.checkDspVersion(2) << own.checkDspString(2);
+        // A process forked while other threads run deadlocks inside ThreadSanitizer's own runtime.
+        if (!underThreadSanitizer)
+            answers << shared.executeCmd("/bin/getSicutil", "ProductName");
+        return answers;
+    };
+    rfSystemInfo reference;
+    const QStringList expected = stateless(reference);
+    std::vector<std::thread> threads;
+    std::vector<int> mismatches(8, 0);
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            rfSystemInfo own;
+            for (int round = 0; round < 50; ++round)
+                mismatches[static_cast<size_t>(t)] += stateless(own) != expected;
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(std::accumulate(mismatches.begin(), mismatches.end(), 0), 0);
+}
+
+TEST_F(RobustnessTest, ReadOnlyDeviceAnswersAlikeAndNothingIsEverWritten)
+{
+    installSampleDevice();
+    inFreshProcess([] {
+        const auto before = deviceSnapshot();
+        rfSystemInfo &info = *rfSystemInfo::param();
+        const QStringList writable = askEveryQuery(info);
+        EXPECT_EQ(deviceSnapshot(), before) << "a query changed the device";
+
+        deviceroot::makeReadOnly();
+        EXPECT_FALSE(std::ofstream("/tmp/probe").good()) << "the device is not read-only";
+        rfSystemInfo::updatedSystemInfo = false;
+        EXPECT_EQ(askEveryQuery(info), writable);
+    });
+}

@@ -1,0 +1,20 @@
+// A full round of the library: every public query once, as the instrument's system page asks them,
+// on the sample device or whatever the device holds.
+#ifndef RFSI_TESTS_QUERYROUND_H
+#define RFSI_TESTS_QUERYROUND_H
+
+#include <QStringList>
+
+class rfSystemInfo;
+
+namespace rfsitest {
+
+// Copies the sample device tree (examples/device) to the device's own paths.
+void installSampleDevice();
+
+// Every public query once, answers in a fixed order; identity tools included unless told otherwise.
+QStringList askEveryQuery(rfSystemInfo &info, bool withIdentityTools = true);
+
+} // namespace rfsitest
+
+#endif // RFSI_TESTS_QUERYROUND_H
