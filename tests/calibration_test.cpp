@@ -86,11 +86,3 @@ TEST_F(CalibrationTest, EachDatedQueryReadsItsOwnFile)
     for (const auto &[query, path] : queries)
         EXPECT_EQ((info.*query)(), QString::fromStdString("OK(" + path + ")"));
 }
-
-TEST_F(CalibrationTest, UnopenableFileIsPresentWithoutDate)
-{
-    fs::create_directory("/bin/dnc_freq_cal.csv");
-    EXPECT_EQ(info.checkDncFreqCalFile(), "OK(NONE)");
-    EXPECT_EQ(info.checkSystemDate("/bin/dnc_freq_cal.csv"), "NONE");
-    EXPECT_EQ(info.checkSystemDate("/storage/no-such-file"), "NONE");
-}

@@ -78,14 +78,6 @@ TEST_F(DeviceRootTest, ResetDropsEveryWriteAndRestoresRemovedPrograms)
         EXPECT_TRUE(fs::is_empty(folder)) << folder;
 }
 
-TEST_F(DeviceRootTest, BuildTreeStaysVisibleAtItsOwnPath)
-{
-    EXPECT_TRUE(fs::is_directory(RFSI_TEST_BINARY_DIR));
-    EXPECT_TRUE(fs::exists(fs::path(RFSI_TEST_SOURCE_DIR) / "CMakeLists.txt"));
-    deviceroot::reset();
-    EXPECT_TRUE(fs::is_directory(RFSI_TEST_BINARY_DIR));
-}
-
 TEST_F(DeviceRootTest, DeviceTreeSeedsTheFixedPathsWithoutBeingChanged)
 {
     // A nested root, in a fresh process, seeded from a tree written in this one.
@@ -106,13 +98,4 @@ TEST_F(DeviceRootTest, DeviceTreeSeedsTheFixedPathsWithoutBeingChanged)
         EXPECT_TRUE(fs::exists("/storage/RFHW_Revision.info")) << "reset restores the seeded content";
         EXPECT_FALSE(fs::exists("/bin/extra"));
     });
-}
-
-TEST_F(DeviceRootTest, RefusesADeviceTreeItCannotShow)
-{
-    deviceroot::Options options;
-    for (const char *tree : {"relative/tree", "/storage/no-such-tree"}) {
-        options.deviceTree = tree;
-        EXPECT_THROW(deviceroot::enter(options), deviceroot::SetupError) << tree;
-    }
 }

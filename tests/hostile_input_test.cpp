@@ -90,11 +90,6 @@ pid_t pidFrom(const std::string &file)
     return pid;
 }
 
-void installTool(const std::string &path, const std::string &script)
-{
-    writeDeviceFile(path, "#!/bin/sh\n" + script + "\n", 0755);
-}
-
 } // namespace
 
 class HostileInputTest : public DeviceTest

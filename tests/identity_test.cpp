@@ -13,11 +13,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void installTool(const std::string &path, const std::string &script)
-{
-    writeDeviceFile(path, "#!/bin/sh\n" + script + "\n", 0755);
-}
-
 // A tool that answers per field, and leaves a mark that it ran.
 std::string answeringTool(const std::string &name, const std::string &model, const std::string &serial)
 {

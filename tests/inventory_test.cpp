@@ -45,15 +45,6 @@ protected:
     rfSystemInfo &info = *rfSystemInfo::param();
 };
 
-TEST_F(InventoryTest, FileFormReadsEachKeyBehindItsBoardPrefix)
-{
-    writeDeviceFile(inventoryPath, fullInventory);
-    for (int index = 0; index <= 9; ++index)
-        EXPECT_EQ(info.getDpbRfSysInfoFromFile(index, true), fullInventoryValues[index]) << index;
-    EXPECT_EQ(info.getTopRfSysInfoFromFile(10, true), "KV721");
-    EXPECT_EQ(info.getTopRfSysInfoFromFile(11, true), "KV721-0042");
-}
-
 TEST_F(InventoryTest, FileFormAnswersNoneOutsideEachBoardsIndexRange)
 {
     writeDeviceFile(inventoryPath, fullInventory);
@@ -111,7 +102,7 @@ TEST_F(InventoryTest, CachedFormReturnsTheSlotWithoutReadingTheFile)
     }
 }
 
-TEST_F(InventoryTest, LoadFillsTwelveSlotsAndTheRfSummaryOnlyWhenTheFlagIsClear)
+TEST_F(InventoryTest, LoadReadsEachKeyBehindItsBoardPrefixOnlyWhenTheFlagIsClear)
 {
     writeDeviceFile(inventoryPath, fullInventory);
     writeDeviceFile(rfRevisionPath, "RF_REVISION=2.1/1.0/3.0\n");

@@ -10,20 +10,13 @@ const std::string inventoryPath = "/tmp/SystemInventoryInfo.info";
 
 } // namespace
 
-TEST(ObjectTest, StaticStateIsEmptyUntilTheFirstConstruction)
-{
-    inFreshProcess([] {
-        EXPECT_FALSE(rfSystemInfo::updatedSystemInfo);
-        EXPECT_FALSE(rfSystemInfo::updateRFRevsionStatus);
-        EXPECT_EQ(rfSystemInfo::RFHwRevision, "");
-        for (const std::string &slot : rfSystemInfo::InventoryInfoString)
-            EXPECT_EQ(slot, "");
-    });
-}
-
 TEST(ObjectTest, FirstConstructionLoadsTheInventoryOncePerProcess)
 {
     inFreshProcess([] {
+        EXPECT_FALSE(rfSystemInfo::updatedSystemInfo);
+        EXPECT_EQ(rfSystemInfo::RFHwRevision, "");
+        for (const std::string &slot : rfSystemInfo::InventoryInfoString)
+            EXPECT_EQ(slot, "");
         writeDeviceFile(inventoryPath, "DPB_Revision=C\nTOP_ProductName=KV721\n");
         writeDeviceFile("/storage/RFHW_Revision.info", "RF_REVISION=2.1/1.0/3.0\n");
 

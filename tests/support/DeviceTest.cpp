@@ -52,6 +52,11 @@ void writeDeviceFile(const std::string &path, const std::string &content, mode_t
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
 }
 
+void installTool(const std::string &path, const std::string &script)
+{
+    writeDeviceFile(path, "#!/bin/sh\n" + script + "\n", 0755);
+}
+
 void removeDevicePath(const std::string &path)
 {
     std::error_code error;

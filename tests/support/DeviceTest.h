@@ -17,6 +17,9 @@ namespace rfsitest {
 // sees the new content.
 void writeDeviceFile(const std::string &path, const std::string &content, mode_t mode = 0644);
 
+// Puts a shell script at a device path, as an executable program.
+void installTool(const std::string &path, const std::string &script);
+
 // Removes a file or a whole folder at a device path; a missing path is fine.
 void removeDevicePath(const std::string &path);
 
