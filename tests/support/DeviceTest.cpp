@@ -8,9 +8,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include <fcntl.h>
 #include <sys/stat.h>
+
+namespace fs = std::filesystem;
 
 namespace rfsitest {
 
@@ -79,6 +82,21 @@ void inFreshProcess(const std::function<void()> &checks)
             std::exit(reportFailures(results) ? 1 : 0);
         },
         ::testing::ExitedWithCode(0), "");
+}
+
+void installSampleDevice()
+{
+    const fs::path tree = RFSI_TEST_SOURCE_DIR "/examples/device";
+    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(tree)) {
+        if (!entry.is_regular_file() || entry.path().filename() == "README.md")
+            continue;
+        std::ifstream source(entry.path(), std::ios::binary);
+        std::ostringstream content;
+        content << source.rdbuf();
+        const fs::perms perms = entry.status().permissions();
+        writeDeviceFile("/" + fs::relative(entry.path(), tree).string(), content.str(),
+                        static_cast<mode_t>(perms & fs::perms::mask));
+    }
 }
 
 void DeviceTest::SetUp()

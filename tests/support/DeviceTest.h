@@ -20,6 +20,9 @@ void writeDeviceFile(const std::string &path, const std::string &content, mode_t
 // Puts a shell script at a device path, as an executable program.
 void installTool(const std::string &path, const std::string &script);
 
+// Copies the sample device tree (examples/device) to the device's own paths.
+void installSampleDevice();
+
 // Removes a file or a whole folder at a device path; a missing path is fine.
 void removeDevicePath(const std::string &path);
 

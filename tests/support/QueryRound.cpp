@@ -1,30 +1,8 @@
 #include "QueryRound.h"
 
-#include "DeviceTest.h"
 #include "rfSystem_Info.h"
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
-namespace fs = std::filesystem;
-
 namespace rfsitest {
-
-void installSampleDevice()
-{
-    const fs::path tree = RFSI_TEST_SOURCE_DIR "/examples/device";
-    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(tree)) {
-        if (!entry.is_regular_file() || entry.path().filename() == "README.md")
-            continue;
-        std::ifstream source(entry.path(), std::ios::binary);
-        std::ostringstream content;
-        content << source.rdbuf();
-        const fs::perms perms = entry.status().permissions();
-        writeDeviceFile("/" + fs::relative(entry.path(), tree).string(), content.str(),
-                        static_cast<mode_t>(perms & fs::perms::mask));
-    }
-}
 
 QStringList askEveryQuery(rfSystemInfo &info, bool withIdentityTools)
 {

@@ -1,5 +1,5 @@
-// A full round of the library: every public query once, as the instrument's system page asks them,
-// on the sample device or whatever the device holds.
+// A full round of the library: every public query once, as the instrument's system page asks them.
+// Shared by the tests and the benchmarks.
 #ifndef RFSI_TESTS_QUERYROUND_H
 #define RFSI_TESTS_QUERYROUND_H
 
@@ -8,9 +8,6 @@
 class rfSystemInfo;
 
 namespace rfsitest {
-
-// Copies the sample device tree (examples/device) to the device's own paths.
-void installSampleDevice();
 
 // Every public query once, answers in a fixed order; identity tools included unless told otherwise.
 QStringList askEveryQuery(rfSystemInfo &info, bool withIdentityTools = true);

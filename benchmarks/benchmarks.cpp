@@ -1,0 +1,319 @@
+// The cost of every query beside the least work that gives the same answer (plain POSIX calls), in
+// one run, inside a private device root that shows the sample device. Prints each pair's ratio, the
+// stripped sizes of the libraries and the resident memory that the library adds to a process.
+#include "Baselines.h"
+#include "DeviceRoot.h"
+#include "QueryRound.h"
+
+#include <rfSystem_Info.h>
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+
+namespace {
+
+const char inventoryPath[] = "/tmp/SystemInventoryInfo.info";
+const char rfRevisionPath[] = "/storage/RFHW_Revision.info";
+const char boardPath[] = "/bin/DpbJsonInfo.json";
+const char dspNamePath[] = "/Dsp/name.txt";
+const char cpriNamePath[] = "/DspCpri/name.txt";
+const char cpriVersionPath[] = "/DspCpri/version.txt";
+const char tinyTool[] = "/bin/echo";
+const char missingTool[] = "/bin/no-such-tool";
+
+rfSystemInfo &info()
+{
+    return *rfSystemInfo::param();
+}
+
+std::string rfField(int position)
+{
+    std::string value = baseline::iniValue(rfRevisionPath, "RF_REVISION");
+    for (int i = 0; i < position; ++i)
+        value.erase(0, value.find('/') == std::string::npos ? value.size() : value.find('/') + 1);
+    return value.substr(0, value.find('/'));
+}
+
+std::string presence(std::initializer_list<const char *> paths)
+{
+    std::string report;
+    for (const char *path : paths)
+        report += (report.empty() ? "" : "/") + std::string(baseline::exists(path) ? "OK" : "NONE");
+    return report;
+}
+
+std::string datedStatus(const char *path)
+{
+    return std::string(baseline::exists(path) ? "OK(" : "NONE(") + baseline::firstLine(path) + ")";
+}
+
+std::string inventoryLoad()
+{
+    const std::string content = baseline::wholeFile(inventoryPath);
+    std::string values;
+    for (const char *key :
+         {"DPB_HardwareSetName", "DPB_HardwareSetId", "DPB_Revision", "DPB_SerialNumber", "DPB_ManufactureDate",
+          "DPB_CalibrationDate", "DPB_MinimumPower", "DPB_CriticalTemp", "DPB_PcieEndpoints", "DPB_ParentSerialNumber",
+          "TOP_ProductName", "TOP_ProductSerialNumber"})
+        values += content.substr(content.find(key), 8);
+    return values + baseline::iniValue(rfRevisionPath, "RF_REVISION");
+}
+
+struct Pair
+{
+    std::string name;
+    std::function<void()> query;    // the library
+    std::function<void()> baseline; // the least work for the same answer
+    bool fileQuery;                 // held to the file queries' target
+};
+
+template <typename T>
+std::function<void()> keep(std::function<T()> call)
+{
+    return [call] { benchmark::DoNotOptimize(call()); };
+}
+
+std::vector<Pair> pairs()
+{
+    rfSystemInfo &i = info();
+    using S = std::string;
+    using Q = QString;
+    return {
+        {"firstConstruction", keep<bool>([] {
+             rfSystemInfo::updatedSystemInfo = false;
+             rfSystemInfo object;
+             return rfSystemInfo::updatedSystemInfo;
+         }),
+         keep<S>(inventoryLoad), true},
+        {"getDpbRfSysInfoFromFile(file)", keep<S>([&] { return i.getDpbRfSysInfoFromFile(3, true); }),
+         keep<S>([] { return baseline::iniValue(inventoryPath, "DPB_SerialNumber"); }), true},
+        {"getTopRfSysInfoFromFile(file)", keep<S>([&] { return i.getTopRfSysInfoFromFile(10, true); }),
+         keep<S>([] { return baseline::iniValue(inventoryPath, "TOP_ProductName"); }), true},
+        {"getDpbRfSysInfoFromFile(cached)", keep<S>([&] { return i.getDpbRfSysInfoFromFile(3, false); }),
+         keep<S>([] { return rfSystemInfo::InventoryInfoString[3]; }), false},
+        {"getTopRfSysInfoFromFile(cached)", keep<S>([&] { return i.getTopRfSysInfoFromFile(10, false); }),
+         keep<S>([] { return rfSystemInfo::InventoryInfoString[10]; }), false},
+        {"initAllSystemInfo(loaded)", keep<bool>([&] { return i.initAllSystemInfo(); }),
+         keep<bool>([] { return rfSystemInfo::updatedSystemInfo; }), false},
+        {"getSystemDpbSerial", keep<Q>([&] { return i.getSystemDpbSerial(); }),
+         keep<S>([] { return rfSystemInfo::InventoryInfoString[10]; }), false},
+        {"getDPBModuleRevision", keep<Q>([&] { return i.getDPBModuleRevision(); }),
+         keep<S>([] { return rfSystemInfo::InventoryInfoString[2]; }), false},
+        {"executeCmd(tiny tool)", keep<Q>([&] { return i.executeCmd(tinyTool, "KV721"); }),
+         keep<S>([] { return baseline::spawnAndRead(tinyTool, {"KV721"}); }), false},
+        {"executeCmd(missing tool)", keep<Q>([&] { return i.executeCmd(missingTool, "x"); }),
+         keep<bool>([] { return baseline::failedSpawn(missingTool); }), false},
+        {"getSystemModel", keep<Q>([&] { return i.getSystemModel(); }), keep<S>([] {
+             return baseline::spawnAndRead("/bin/getSicutil", {"-r", "-sol", "5", "ProductName"});
+         }),
+         false},
+        {"getSystemSerial", keep<Q>([&] { return i.getSystemSerial(); }), keep<S>([] {
+             return baseline::spawnAndRead("/bin/getSicutil", {"-r", "-sol", "5", "ProductSerialNumber"});
+         }),
+         false},
+        {"getSystemModelSystemCmd(no tools)",
+         keep<Q>([&] { return i.executeCmd(missingTool, "ProductName") + i.executeCmd(missingTool, "ProductName"); }),
+         keep<bool>([] { return baseline::failedSpawn(missingTool) && baseline::failedSpawn(missingTool); }), false},
+        {"checkSystemRfSerial", keep<Q>([&] { return i.checkSystemRfSerial(); }), keep<S>([] { return S("RFSERIAL"); }),
+         false},
+        {"checkSystemFirmwareVersion", keep<Q>([&] { return i.checkSystemFirmwareVersion(); }),
+         keep<S>([] { return S("1.0.0"); }), false},
+        {"checkSystemUIVersion", keep<Q>([&] { return i.checkSystemUIVersion(); }),
+         keep<S>([] { return S("5.010.005a"); }), false},
+        {"getYroModuleRevision", keep<int>([&] { return i.getYroModuleRevision(); }),
+         keep<int>([] { return std::atoi(rfField(0).c_str()); }), true},
+        {"getMixerModuleRevision", keep<int>([&] { return i.getMixerModuleRevision(); }),
+         keep<int>([] { return std::atoi(rfField(1).c_str()); }), true},
+        {"getDncModuleRevision", keep<int>([&] { return i.getDncModuleRevision(); }),
+         keep<int>([] { return std::atoi(rfField(2).c_str()); }), true},
+        {"getYroModuleStringRevision", keep<S>([&] { return i.getYroModuleStringRevision(); }),
+         keep<S>([] { return rfField(0); }), true},
+        {"getMixerModuStringRevision", keep<S>([&] { return i.getMixerModuStringRevision(); }),
+         keep<S>([] { return rfField(1); }), true},
+        {"getDncModuleStringRevision", keep<S>([&] { return i.getDncModuleStringRevision(); }),
+         keep<S>([] { return rfField(2); }), true},
+        {"checkRFModuleRevision", keep<Q>([&] { return i.checkRFModuleRevision(); }),
+         keep<S>([] { return baseline::iniValue(rfRevisionPath, "RF_REVISION"); }), true},
+        {"getRFModuleRevision", keep<Q>([&] { return i.getRFModuleRevision(); }),
+         keep<S>([] { return baseline::iniValue(rfRevisionPath, "RF_REVISION"); }), true},
+        {"loadDpbSysmtemInfo", keep<int>([&] { return i.loadDpbSysmtemInfo(); }),
+         keep<S>([] { return baseline::jsonMember(boardPath, "FPGA_VER", "FPGA_BANK_0_VER"); }), true},
+        {"getFpgaVersionrfSystemInfo", keep<Q>([&] { return i.getFpgaVersionrfSystemInfo("FPGA_BANK_3_VER"); }),
+         keep<S>([] { return baseline::jsonMember(boardPath, "FPGA_VER", "FPGA_BANK_3_VER"); }), true},
+        {"checkSystemTemperature", keep<Q>([&] { return i.checkSystemTemperature(); }), keep<S>([] {
+             std::string report;
+             for (const char *zone : {"3", "0", "7", "1"})
+                 report += baseline::firstLine(("/sys/class/thermal/thermal_zone" + S(zone) + "/temp").c_str());
+             return report;
+         }),
+         true},
+        {"checkFlatnessFile", keep<Q>([&] { return i.checkFlatnessFile(); }), keep<S>([] {
+             return presence({"/bin/DNC_10_100M.csv", "/bin/Low_10_100M.csv", "/bin/High_10_100M.csv"});
+         }),
+         true},
+        {"checkDncDacFile", keep<Q>([&] { return i.checkDncDacFile(); }), keep<S>([] {
+             return presence({"/bin/dncDac1.csv", "/bin/dncDac2.csv"});
+         }),
+         true},
+        {"checkYroDacFile", keep<Q>([&] { return i.checkYroDacFile(); }), keep<S>([] {
+             return presence({"/bin/nyroFreq1stlow.csv", "/bin/nyroFreq1sthigh.csv"});
+         }),
+         true},
+        {"checkYroSpurFile", keep<Q>([&] { return i.checkYroSpurFile(); }), keep<S>([] {
+             return presence({"/bin/nyro_spur_low.csv", "/bin/nyro_spur_high.csv"});
+         }),
+         true},
+        {"checkSystemDate", keep<Q>([&] { return i.checkSystemDate("/bin/basic_freq_cal.csv"); }),
+         keep<S>([] { return baseline::firstLine("/bin/basic_freq_cal.csv"); }), true},
+        {"checkBasicFreqCalFile", keep<Q>([&] { return i.checkBasicFreqCalFile(); }),
+         keep<S>([] { return datedStatus("/bin/basic_freq_cal.csv"); }), true},
+        {"checkBaseHighFreqCalFile", keep<Q>([&] { return i.checkBaseHighFreqCalFile(); }),
+         keep<S>([] { return datedStatus("/bin/freq_cal_high.csv"); }), true},
+        {"checkBaseLowFreqCalFile", keep<Q>([&] { return i.checkBaseLowFreqCalFile(); }),
+         keep<S>([] { return datedStatus("/bin/freq_cal_low.csv"); }), true},
+        {"checkDncFreqCalFile", keep<Q>([&] { return i.checkDncFreqCalFile(); }),
+         keep<S>([] { return datedStatus("/bin/dnc_freq_cal.csv"); }), true},
+        {"checkThirdOffsetFile", keep<Q>([&] { return i.checkThirdOffsetFile(); }),
+         keep<S>([] { return datedStatus("/bin/thirdAmpOffset.dat"); }), true},
+        {"getDspActiveCount", keep<int>([&] { return i.getDspActiveCount(); }),
+         keep<int>([] { return std::atoi(baseline::firstLine(dspNamePath).c_str()); }), true},
+        {"checkDspVersion", keep<Q>([&] { return i.checkDspVersion(1); }), keep<S>([] {
+             return std::atoi(baseline::firstLine(dspNamePath).c_str()) > 1
+                        ? baseline::jsonMember(boardPath, "FPGA_VER", "FPGA_BANK_1_VER")
+                        : S();
+         }),
+         true},
+        {"checkDspString", keep<Q>([&] { return i.checkDspString(1); }),
+         keep<S>([] { return baseline::countedEntry(dspNamePath, 1); }), true},
+        {"getCpriDspActiveCount", keep<int>([&] { return i.getCpriDspActiveCount(); }),
+         keep<int>([] { return std::atoi(baseline::firstLine(cpriNamePath).c_str()); }), true},
+        {"checkCpriDspVersion", keep<Q>([&] { return i.checkCpriDspVersion(1); }), keep<S>([] {
+             return std::atoi(baseline::firstLine(cpriNamePath).c_str()) > 1
+                        ? baseline::countedEntry(cpriVersionPath, 1)
+                        : S();
+         }),
+         true},
+        {"checkCpriDspString", keep<Q>([&] { return i.checkCpriDspString(1); }),
+         keep<S>([] { return baseline::countedEntry(cpriNamePath, 1); }), true},
+    };
+}
+
+// Every pair's time, kept from the benchmark run for the ratio table.
+class RatioReporter : public benchmark::ConsoleReporter
+{
+public:
+    std::map<std::string, double> nanoseconds;
+
+    void ReportRuns(const std::vector<Run> &runs) override
+    {
+        for (const Run &run : runs)
+            nanoseconds[run.benchmark_name()] = run.GetAdjustedRealTime();
+        ConsoleReporter::ReportRuns(runs);
+    }
+};
+
+long residentKiB()
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmRSS:", 0) == 0)
+            return std::stol(line.substr(6));
+    return 0;
+}
+
+long strippedBytes(const char *library)
+{
+    const std::string copy = "/tmp/stripped.so";
+    if (std::system(("strip --strip-all -o " + copy + " " + library).c_str()) != 0)
+        return -1;
+    struct stat info;
+    return ::stat(copy.c_str(), &info) == 0 ? static_cast<long>(info.st_size) : -1;
+}
+
+void dropQtMessages(QtMsgType, const QMessageLogContext &, const QString &) {}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    benchmark::Initialize(&argc, argv);
+    deviceroot::Options options;
+    options.deviceTree = RFSI_BENCH_SOURCE_DIR "/examples/device";
+    options.hostFolders = {{RFSI_BENCH_BINARY_DIR, false}};
+    try {
+        deviceroot::enter(options);
+    } catch (const deviceroot::SetupError &error) {
+        std::fprintf(stderr, "rfsi_benchmarks: cannot set up the private device root: %s\n", error.what());
+        return 1;
+    }
+    // The command runner's debug line costs the same with any handler; this one keeps the log quiet.
+    qInstallMessageHandler(dropQtMessages);
+
+    const long atStart = residentKiB();
+    info();
+    const long afterParam = residentKiB();
+    rfsitest::askEveryQuery(info());
+    const long afterReport = residentKiB();
+
+    std::vector<Pair> measured = pairs();
+    measured.push_back({"fullReport(with tools)", [] { rfsitest::askEveryQuery(info(), true); }, nullptr, false});
+    measured.push_back({"fullReport(without tools)", [] { rfsitest::askEveryQuery(info(), false); }, nullptr, false});
+    for (const Pair &pair : measured) {
+        benchmark::RegisterBenchmark(("query/" + pair.name).c_str(), [pair](benchmark::State &state) {
+            for (auto _ : state)
+                pair.query();
+        });
+        if (pair.baseline)
+            benchmark::RegisterBenchmark(("baseline/" + pair.name).c_str(), [pair](benchmark::State &state) {
+                for (auto _ : state)
+                    pair.baseline();
+            });
+    }
+    // The full report's baseline is every query's baseline once.
+    benchmark::RegisterBenchmark("baseline/fullReport(without tools)", [](benchmark::State &state) {
+        const std::vector<Pair> all = pairs();
+        for (auto _ : state)
+            for (const Pair &pair : all)
+                if (pair.name.find("Cmd") == std::string::npos && pair.name.find("getSystemS") == std::string::npos &&
+                    pair.name.find("getSystemM") == std::string::npos)
+                    pair.baseline();
+    });
+
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+
+    std::printf("\n%-36s %12s %12s %8s  %s\n", "query", "library us", "baseline us", "ratio", "target");
+    int missed = 0;
+    for (const Pair &pair : measured) {
+        const auto query = reporter.nanoseconds.find("query/" + pair.name);
+        const auto base = reporter.nanoseconds.find("baseline/" + pair.name);
+        if (query == reporter.nanoseconds.end() || base == reporter.nanoseconds.end())
+            continue;
+        const double ratio = query->second / base->second;
+        double target = 0;
+        if (pair.fileQuery)
+            target = 3.0;
+        else if (pair.name == "executeCmd(tiny tool)")
+            target = 1.5;
+        else if (pair.name == "executeCmd(missing tool)")
+            target = 2.0;
+        const bool met = target == 0 || ratio <= target;
+        missed += !met;
+        std::printf("%-36s %12.2f %12.2f %8.2f  %s\n", pair.name.c_str(), query->second / 1000, base->second / 1000,
+                    ratio, target == 0 ? "-" : (met ? "met" : "MISSED"));
+    }
+    std::printf("\nstripped librfSystemInfo: %ld bytes (target < 153600)\n", strippedBytes(RFSI_BENCH_LIBRARY));
+    std::printf("stripped stand-ins:       %ld bytes\n", strippedBytes(RFSI_BENCH_STANDINS));
+    std::printf("resident memory: %ld KiB at start; param() adds %ld KiB; a first full report %ld KiB more\n", atStart,
+                afterParam - atStart, afterReport - afterParam);
+    std::printf("targets missed: %d\n", missed);
+    return 0;
+}
