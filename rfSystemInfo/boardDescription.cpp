@@ -9,6 +9,7 @@
 #include <QJsonValue>
 
 #include <cstdio>
+#include <mutex>
 
 namespace {
 
@@ -23,6 +24,23 @@ constexpr char openFailureFunction[] = "loadDpbSysmtemInfo";
 constexpr int openFailureLine = 410;
 constexpr char nullDocumentMessage[] = "## FlashJSonFile is Null";
 
+// The board description is read on every FPGA and DSP version query, twice for a DSP version, and
+// seldom changes: parsing the same bytes again gives the same document, so the last parse is kept and
+// reused while the bytes stay the same. Objects on several threads share it, hence the lock.
+QJsonDocument parseBoardDescription(const QByteArray &content)
+{
+    static std::mutex mutex;
+    static QByteArray lastContent;
+    static QJsonDocument lastDocument;
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (lastContent.isNull() || content != lastContent) {
+        // Bytes up to the first NUL, decoded as UTF-8 (invalid sequences replaced) and encoded back.
+        lastDocument = QJsonDocument::fromJson(rfsi::textUpToNul(content).toUtf8());
+        lastContent = content;
+    }
+    return lastDocument;
+}
+
 } // namespace
 
 int rfSystemInfo::loadDpbSysmtemInfo()
@@ -32,10 +50,10 @@ int rfSystemInfo::loadDpbSysmtemInfo()
         std::printf(openFailureFormat, openFailureSource, openFailureFunction, openFailureLine, boardDescriptionPath);
         return -1;
     }
-    const QString content = rfsi::textUpToNul(file.readAll());
+    const QByteArray content = file.readAll();
     file.close();
 
-    dpbJsonDoc = QJsonDocument::fromJson(content.toUtf8());
+    dpbJsonDoc = parseBoardDescription(content);
     if (dpbJsonDoc.isNull()) {
         std::puts(nullDocumentMessage);
         return -1;

@@ -1,6 +1,7 @@
 #include "deviceFile.h"
 
 #include <QSettings>
+#include <QTextCodec>
 #include <QTextStream>
 
 #include <algorithm>
@@ -58,11 +59,12 @@ bool openForReading(QFile &file, QIODevice::OpenMode mode)
 std::optional<CountedList> readCountedList(const QString &path, int capacity)
 {
     QFile file(path);
-    if (!exists(path) || !openForReading(file))
+    if (!openForReading(file))
         return std::nullopt;
     QTextStream stream(&file);
-    // The lists are written in UTF-8 whatever the caller's locale.
-    stream.setCodec("UTF-8");
+    // The lists are written in UTF-8 whatever the caller's locale; looked up once, not per call.
+    static QTextCodec *const utf8 = QTextCodec::codecForMib(106);
+    stream.setCodec(utf8);
     CountedList list;
     list.count = stream.readLine().toInt();
     const int kept = std::clamp(list.count, 0, capacity);
@@ -72,16 +74,28 @@ std::optional<CountedList> readCountedList(const QString &path, int capacity)
     return list;
 }
 
-std::optional<QString> readIniValue(const QString &path, const QString &key)
+std::optional<QStringList> readIniValues(const QString &path, const QStringList &keys)
 {
     if (!exists(path))
         return std::nullopt;
+    QStringList values;
     // QSettings opens the file itself, so the check comes just before: anything but a regular file
     // counts as present and unreadable.
-    if (!isRegularFile(path))
-        return QString::fromLatin1(missingKeyMarker);
+    if (!isRegularFile(path)) {
+        for (int i = 0; i < keys.size(); ++i)
+            values << QString::fromLatin1(missingKeyMarker);
+        return values;
+    }
     const QSettings settings(path, QSettings::IniFormat);
-    return settings.value(key, QString::fromLatin1(missingKeyMarker)).toString();
+    for (const QString &key : keys)
+        values << settings.value(key, QString::fromLatin1(missingKeyMarker)).toString();
+    return values;
+}
+
+std::optional<QString> readIniValue(const QString &path, const QString &key)
+{
+    const std::optional<QStringList> values = readIniValues(path, {key});
+    return values ? std::optional<QString>(values->first()) : std::nullopt;
 }
 
 } // namespace rfsi

@@ -6,6 +6,7 @@
 #include <QByteArray>
 #include <QFile>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 #include <string>
@@ -27,6 +28,9 @@ QString textUpToNul(const QByteArray &bytes);
 // file lacks the key, does not parse or is not a regular file. std::nullopt when the file does not
 // exist.
 std::optional<QString> readIniValue(const QString &path, const QString &key);
+// The same for several keys of one file, read through one settings object: what a lookup costs is
+// mostly the settings object itself.
+std::optional<QStringList> readIniValues(const QString &path, const QStringList &keys);
 
 // Whether a file (or folder) stands at `path`; a symbolic link counts when its target does.
 bool exists(const QString &path);
@@ -46,7 +50,7 @@ struct CountedList
 };
 
 // Reads a counted list, keeping at most `capacity` entries; lines missing at the end of the file read
-// as empty entries. std::nullopt when the file does not exist or does not open.
+// as empty entries. std::nullopt when the file does not exist or does not open (one open tells both).
 std::optional<CountedList> readCountedList(const QString &path, int capacity);
 
 } // namespace rfsi

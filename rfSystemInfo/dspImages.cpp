@@ -22,10 +22,15 @@ constexpr unsigned highestDspIndex = 15;
 constexpr int dspNameCapacity = sizeof(rfSystemInfo::dspNames) / sizeof(std::string);
 constexpr int cpriDspCapacity = 10;
 
+// The active count that a list (or its absence) gives.
+int activeCount(const std::optional<rfsi::CountedList> &list, int fallback)
+{
+    return list && list->count >= 1 ? list->count : fallback;
+}
+
 int activeCount(const char *path, int fallback)
 {
-    const std::optional<rfsi::CountedList> list = rfsi::readCountedList(QString::fromLatin1(path), 0);
-    return list && list->count >= 1 ? list->count : fallback;
+    return activeCount(rfsi::readCountedList(QString::fromLatin1(path), 0), fallback);
 }
 
 int normalisedDspIndex(int index)
@@ -33,16 +38,24 @@ int normalisedDspIndex(int index)
     return static_cast<unsigned>(index) > highestDspIndex ? 0 : index;
 }
 
-// Entry `index` of a CPRI DSP list, or the empty text when the list does not give it.
-QString cpriDspEntry(rfSystemInfo &info, const char *path, int index)
+// Indices from the count on are rejected; negative ones pass the count, but no list holds them, nor
+// an index past the ten entries a list keeps.
+bool cpriIndexAccepted(const std::optional<rfsi::CountedList> &names, int index)
 {
-    // Indices from the count on are rejected; negative ones pass the count but no list holds them.
-    if (index >= info.getCpriDspActiveCount() || index < 0 || index >= cpriDspCapacity)
-        return {};
-    const std::optional<rfsi::CountedList> list = rfsi::readCountedList(QString::fromLatin1(path), cpriDspCapacity);
+    return index < activeCount(names, fallbackCpriDspCount) && index >= 0 && index < cpriDspCapacity;
+}
+
+// Entry `index` of a CPRI DSP list, or the empty text when the list does not give it.
+QString cpriDspEntry(const std::optional<rfsi::CountedList> &list, int index)
+{
     if (!list || index >= static_cast<int>(list->entries.size()))
         return {};
     return QString::fromStdString(list->entries[static_cast<size_t>(index)]);
+}
+
+std::optional<rfsi::CountedList> cpriList(const char *path)
+{
+    return rfsi::readCountedList(QString::fromLatin1(path), cpriDspCapacity);
 }
 
 } // namespace
@@ -64,12 +77,11 @@ QString rfSystemInfo::checkDspVersion(int index)
 
 QString rfSystemInfo::checkDspString(int index)
 {
-    const int dsp = normalisedDspIndex(index);
-    if (dsp >= getDspActiveCount())
-        return {};
+    // One read gives both the count that accepts the index and the names.
     const std::optional<rfsi::CountedList> list =
         rfsi::readCountedList(QString::fromLatin1(dspNamePath), dspNameCapacity);
-    if (!list)
+    const int dsp = normalisedDspIndex(index);
+    if (dsp >= activeCount(list, fallbackDspCount) || !list)
         return {};
     // Entries from the new count on keep the names of an earlier, longer list.
     std::copy(list->entries.begin(), list->entries.end(), std::begin(dspNames));
@@ -83,10 +95,14 @@ int rfSystemInfo::getCpriDspActiveCount()
 
 QString rfSystemInfo::checkCpriDspVersion(int index)
 {
-    return cpriDspEntry(*this, cpriDspVersionPath, index);
+    if (!cpriIndexAccepted(rfsi::readCountedList(QString::fromLatin1(cpriDspNamePath), 0), index))
+        return {};
+    return cpriDspEntry(cpriList(cpriDspVersionPath), index);
 }
 
 QString rfSystemInfo::checkCpriDspString(int index)
 {
-    return cpriDspEntry(*this, cpriDspNamePath, index);
+    // One read gives both the count that accepts the index and the names.
+    const std::optional<rfsi::CountedList> names = cpriList(cpriDspNamePath);
+    return cpriIndexAccepted(names, index) ? cpriDspEntry(names, index) : QString();
 }

@@ -68,12 +68,17 @@ std::string cachedInventoryValue(int slot)
     return rfSystemInfo::InventoryInfoString[slot];
 }
 
-std::string readInventoryValue(const std::string &fileKey)
+// A looked-up value as the inventory answers it: "NONE" for a missing file or an empty value.
+std::string inventoryAnswer(const std::optional<QString> &value)
 {
-    const std::optional<QString> value = rfsi::readIniValue(inventoryInfoPath, QString::fromStdString(fileKey));
     if (!value || value->isEmpty())
         return rfsi::noneMarker;
     return value->toStdString();
+}
+
+std::string readInventoryValue(const std::string &fileKey)
+{
+    return inventoryAnswer(rfsi::readIniValue(inventoryInfoPath, QString::fromStdString(fileKey)));
 }
 
 } // namespace
@@ -100,10 +105,14 @@ bool rfSystemInfo::initAllSystemInfo()
 {
     if (updatedSystemInfo)
         return true;
-    for (int slot = firstDpbSlot; slot <= lastDpbSlot; ++slot)
-        InventoryInfoString[slot] = getDpbRfSysInfoFromFile(slot, true);
-    for (int slot = firstTopSlot; slot <= lastTopSlot; ++slot)
-        InventoryInfoString[slot] = getTopRfSysInfoFromFile(slot, true);
+    // The twelve file lookups, read through one settings object: the same answers as twelve
+    // getDpbRfSysInfoFromFile/getTopRfSysInfoFromFile(index, true) calls, for a twelfth of the cost.
+    QStringList fileKeys;
+    for (int slot = firstDpbSlot; slot <= lastTopSlot; ++slot)
+        fileKeys << QString::fromStdString((slot <= lastDpbSlot ? dpbKeyPrefix : topKeyPrefix) + inventoryKeys[slot]);
+    const std::optional<QStringList> values = rfsi::readIniValues(inventoryInfoPath, fileKeys);
+    for (int slot = firstDpbSlot; slot <= lastTopSlot; ++slot)
+        InventoryInfoString[slot] = inventoryAnswer(values ? std::optional<QString>(values->at(slot)) : std::nullopt);
     RFHwRevision = checkRFModuleRevision().toStdString();
     updatedSystemInfo = true;
     return true;

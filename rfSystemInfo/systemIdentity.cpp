@@ -7,6 +7,7 @@
 
 #include <QDeadlineTimer>
 #include <QDebug>
+#include <QFile>
 #include <QProcess>
 #include <QStringList>
 
@@ -67,6 +68,15 @@ QStringList toolArguments(const QString &program, const QString &argument)
     return arguments;
 }
 
+// Whether starting `program` can succeed. A bare name is left to QProcess, which searches PATH.
+bool canRun(const QString &program)
+{
+    if (!program.contains(QLatin1Char('/')))
+        return true;
+    const QByteArray path = QFile::encodeName(program);
+    return rfsi::isRegularFile(program) && ::access(path.constData(), X_OK) == 0;
+}
+
 // The first identity tool's non-empty answer for `field`, else `fallback`.
 QString askIdentityTools(rfSystemInfo &info, const char *field, const std::string &fallback)
 {
@@ -86,8 +96,13 @@ QString rfSystemInfo::executeCmd(std::string program, std::string argument)
     const QStringList arguments = toolArguments(programPath, QString::fromStdString(argument));
     qDebug() << programPath << arguments;
 
+    // A path that cannot be run answers at once, as a failed start would, without forking.
+    if (!canRun(programPath))
+        return {};
     ToolProcess process;
-    // Standard error is never read: it goes nowhere rather than into a buffer.
+    // Standard input is never written and standard error never read: both go nowhere rather than
+    // through pipes.
+    process.setStandardInputFile(QProcess::nullDevice());
     process.setStandardErrorFile(QProcess::nullDevice());
     process.start(programPath, arguments, QIODevice::ReadOnly);
     const qint64 processGroup = process.processId();
