@@ -247,7 +247,8 @@ int main(int argc, char **argv)
     benchmark::Initialize(&argc, argv);
     deviceroot::Options options;
     options.deviceTree = RFSI_BENCH_SOURCE_DIR "/examples/device";
-    options.hostFolders = {{RFSI_BENCH_BINARY_DIR, false}};
+    // Writable, so that a profiler run around the benchmarks can leave its output in the build tree.
+    options.hostFolders = {{RFSI_BENCH_BINARY_DIR, true}};
     try {
         deviceroot::enter(options);
     } catch (const deviceroot::SetupError &error) {
