@@ -5,6 +5,7 @@
 #include <QJsonArray>
 
 #include <algorithm>
+#include <functional>
 
 const QString serialPlaceholder = QStringLiteral("<serial>");
 
@@ -122,44 +123,41 @@ ReportSection fpgaSection(rfSystemInfo &info)
     return section;
 }
 
-QJsonObject dspImage(int index, const QString &name, const QString &version)
+// A section of DSP images: the active count, and the name and version of each active image that the
+// library can name (`limit` at most).
+ReportSection dspImagesSection(const QString &name, const QString &title, const QString &imageLabel, int count,
+                               int limit, const std::function<QString(int)> &nameOf,
+                               const std::function<QString(int)> &versionOf)
 {
-    return {{"index", index}, {"name", name}, {"version", version}};
+    ReportSection section{name, title, {}, {}, {}};
+    addLine(section, QStringLiteral("Active %1s").arg(imageLabel), QString::number(count));
+    section.json.insert("activeCount", count);
+    QJsonArray images;
+    for (int index = 0; index < std::min(count, limit); ++index) {
+        const QString imageName = nameOf(index);
+        const QString version = versionOf(index);
+        addLine(section, QStringLiteral("%1 %2").arg(imageLabel).arg(index),
+                QStringLiteral("%1 (version %2)").arg(imageName, version));
+        images.append(QJsonObject{{"index", index}, {"name", imageName}, {"version", version}});
+    }
+    section.json.insert("images", images);
+    return section;
 }
 
 ReportSection dspSection(rfSystemInfo &info)
 {
-    ReportSection section{"dsp", "DSP images", {}, {}, {}};
-    const int count = info.getDspActiveCount();
-    addLine(section, "Active DSPs", QString::number(count));
-    section.json.insert("activeCount", count);
-    QJsonArray images;
-    for (int index = 0; index < std::min(count, highestDspIndex + 1); ++index) {
-        const QString name = info.checkDspString(index);
-        const QString version = info.checkDspVersion(index);
-        addLine(section, QStringLiteral("DSP %1").arg(index), QStringLiteral("%1 (version %2)").arg(name, version));
-        images.append(dspImage(index, name, version));
-    }
-    section.json.insert("images", images);
-    return section;
+    return dspImagesSection(
+        "dsp", "DSP images", "DSP", info.getDspActiveCount(), highestDspIndex + 1,
+        [&info](int index) { return info.checkDspString(index); },
+        [&info](int index) { return info.checkDspVersion(index); });
 }
 
 ReportSection cpriDspSection(rfSystemInfo &info)
 {
-    ReportSection section{"cpri", "CPRI DSP images", {}, {}, {}};
-    const int count = info.getCpriDspActiveCount();
-    addLine(section, "Active CPRI DSPs", QString::number(count));
-    section.json.insert("activeCount", count);
-    QJsonArray images;
-    for (int index = 0; index < std::min(count, cpriDspCapacity); ++index) {
-        const QString name = info.checkCpriDspString(index);
-        const QString version = info.checkCpriDspVersion(index);
-        addLine(section, QStringLiteral("CPRI DSP %1").arg(index),
-                QStringLiteral("%1 (version %2)").arg(name, version));
-        images.append(dspImage(index, name, version));
-    }
-    section.json.insert("images", images);
-    return section;
+    return dspImagesSection(
+        "cpri", "CPRI DSP images", "CPRI DSP", info.getCpriDspActiveCount(), cpriDspCapacity,
+        [&info](int index) { return info.checkCpriDspString(index); },
+        [&info](int index) { return info.checkCpriDspVersion(index); });
 }
 
 // The readings, taken back out of the report "<P>(P)/<M>(M)\n<Y>(Y)/<D>(D)" by their labels.
