@@ -9,6 +9,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <functional>
@@ -16,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace {
@@ -240,6 +242,25 @@ long strippedBytes(const char *library)
     return ::stat(copy.c_str(), &info) == 0 ? static_cast<long>(info.st_size) : -1;
 }
 
+// One call of a tool that prints 50 MB (500,000 lines of 99 characters): how long it takes and how
+// much the process's peak resident memory grows. Output has no limit but the tool's time-out, so
+// this is what a talkative tool costs a caller.
+void measureLargeOutput()
+{
+    const char tool[] = "/bin/print50mb";
+    std::ofstream(tool) << "#!/bin/sh\nexec seq -f '%099g' 1 500000\n";
+    ::chmod(tool, 0755);
+    rusage before{}, after{};
+    ::getrusage(RUSAGE_SELF, &before);
+    const auto start = std::chrono::steady_clock::now();
+    const QString answer = info().executeCmd(tool, "");
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    ::getrusage(RUSAGE_SELF, &after);
+    std::printf("a tool printing 50 MB: %lld ms, %lld characters, peak resident memory +%ld MiB\n",
+                static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()),
+                static_cast<long long>(answer.size()), (after.ru_maxrss - before.ru_maxrss) / 1024);
+}
+
 void dropQtMessages(QtMsgType, const QMessageLogContext &, const QString &) {}
 
 } // namespace
@@ -317,6 +338,7 @@ int main(int argc, char **argv)
     std::printf("stripped stand-ins:       %ld bytes\n", strippedBytes(RFSI_BENCH_STANDINS));
     std::printf("resident memory: %ld KiB at start; param() adds %ld KiB; a first full report %ld KiB more\n", atStart,
                 afterParam - atStart, afterReport - afterParam);
+    measureLargeOutput();
     std::printf("targets missed: %d\n", missed);
     return 0;
 }

@@ -11,7 +11,7 @@
 #include <QProcess>
 #include <QStringList>
 
-#include <algorithm>
+#include <utility>
 
 #include <signal.h>
 #include <unistd.h>
@@ -31,30 +31,47 @@ constexpr char uiVersion[] = "5.010.005a";
 constexpr char sicutilFamily[] = "icutil";
 const char *const sicutilOptions[] = {"-r", "-sol", "5"};
 constexpr int toolTimeoutMs = 8000;
-// Far longer than any identity field; a tool that prints more is cut off there instead of filling
-// the caller's memory for as long as the time-out lasts.
-constexpr qint64 toolOutputLimit = 1 << 20;
 
-// Each tool leads a process group of its own, so that whatever it starts can be stopped with it.
+// Each tool leads a process group of its own, so that whatever it starts can be stopped with it:
+// when the run ends, however it ends (an output too large to hold throws), the tool and everything
+// it started go, also what still holds its output open.
 class ToolProcess : public QProcess
 {
+public:
+    void startReadOnly(const QString &program, const QStringList &arguments)
+    {
+        start(program, arguments, QIODevice::ReadOnly);
+        processGroup = processId(); // zero again once the tool has ended
+    }
+
+    ~ToolProcess() override
+    {
+        if (processGroup > 0)
+            ::kill(static_cast<pid_t>(-processGroup), SIGKILL);
+        close();
+    }
+
 protected:
     void setupChildProcess() override { ::setsid(); }
+
+private:
+    qint64 processGroup = 0;
 };
 
-// What the tool writes on standard output until it ends, the time-out passes or the limit is reached.
+// Everything the tool writes on standard output until it ends or the time-out passes. It is read
+// while the tool runs, so that a full pipe never stalls a tool that prints much.
 QByteArray collectOutput(QProcess &process)
 {
     const QDeadlineTimer deadline(toolTimeoutMs);
     QByteArray output;
-    while (process.state() != QProcess::NotRunning && output.size() <= toolOutputLimit) {
+    while (process.state() != QProcess::NotRunning) {
         if (!process.waitForReadyRead(static_cast<int>(deadline.remainingTime())) && deadline.hasExpired())
             break;
-        output += process.read(toolOutputLimit + 1 - output.size());
+        output += process.readAll();
     }
     // What arrived with the tool's end.
-    output += process.read(std::max<qint64>(0, toolOutputLimit - output.size()));
-    return output.left(static_cast<int>(toolOutputLimit));
+    output += process.readAll();
+    return output;
 }
 
 QStringList toolArguments(const QString &program, const QString &argument)
@@ -104,14 +121,10 @@ QString rfSystemInfo::executeCmd(std::string program, std::string argument)
     // through pipes.
     process.setStandardInputFile(QProcess::nullDevice());
     process.setStandardErrorFile(QProcess::nullDevice());
-    process.start(programPath, arguments, QIODevice::ReadOnly);
-    const qint64 processGroup = process.processId();
-    const QString output = rfsi::textUpToNul(collectOutput(process));
-    // The tool and everything it started end here, also what still holds its output open.
-    if (processGroup > 0)
-        ::kill(static_cast<pid_t>(-processGroup), SIGKILL);
-    process.close();
-    return output.simplified();
+    process.startReadOnly(programPath, arguments);
+    QString output = rfsi::textUpToNul(collectOutput(process));
+    // In place: a tool may print tens of megabytes.
+    return std::move(output).simplified();
 }
 
 QString rfSystemInfo::getSystemModelSystemCmd(std::string fallback)

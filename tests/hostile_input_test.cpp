@@ -148,7 +148,6 @@ TEST_F(HostileInputTest, ToolsThatMisbehaveQuicklyLeaveNothingBehind)
         {"starts a child that keeps its output open", "sleep 60 & echo $! > /tmp/child.pid; echo KV7", "KV7"},
         {"starts a child of its own session", "setsid sleep 5 & echo KV7", "KV7"},
         {"is killed by a signal", "echo KV7; kill -9 $$; echo never", "KV7"},
-        {"prints without end", "echo $$ > /tmp/child.pid; exec yes KV7", ""},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.description);
@@ -158,10 +157,7 @@ TEST_F(HostileInputTest, ToolsThatMisbehaveQuicklyLeaveNothingBehind)
         timer.start();
         const QString answer = info.executeCmd("/bin/tool", "x");
         EXPECT_LT(timer.elapsed(), 3000);
-        if (!c.answer.isEmpty())
-            EXPECT_EQ(answer, c.answer);
-        else
-            EXPECT_LE(answer.size(), 1 << 20) << "output is limited";
+        EXPECT_EQ(answer, c.answer);
         if (fs::exists("/tmp/child.pid")) {
             EXPECT_FALSE(running(pidFrom("/tmp/child.pid")));
         }

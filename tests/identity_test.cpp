@@ -23,6 +23,17 @@ std::string answeringTool(const std::string &name, const std::string &model, con
            model + "';; ProductSerialNumber) printf '" + serial + "';; esac";
 }
 
+// What `seq -f '%099g' 1 N` prints, simplified: each number as 99 digits, line ends become spaces.
+QString numberedLines(int count)
+{
+    QString text;
+    text.reserve(count * 100);
+    for (int line = 1; line <= count; ++line)
+        text += QString::number(line).rightJustified(99, QLatin1Char('0')) + QLatin1Char(' ');
+    text.chop(1);
+    return text;
+}
+
 QStringList debugLines;
 void collectDebugLine(QtMsgType, const QMessageLogContext &, const QString &message)
 {
@@ -47,10 +58,14 @@ TEST_F(IdentityTest, OutputIsSimplifiedAndEndsAtTheFirstNul)
         {"printf 'Pr\\303\\274f'", QString::fromUtf8("Prüf")},
         {"echo only-on-stderr >&2", ""},
         {"echo failed; exit 3", "failed"}, // the exit code plays no part
+        // 50 MB: output has no limit but the time-out, and arrives whole and in order.
+        {"seq -f '%099g' 1 500000", numberedLines(500000)},
     };
     for (const auto &[script, expected] : cases) {
         installTool("/bin/tool", script);
-        EXPECT_EQ(info.executeCmd("/bin/tool", "x"), expected) << script;
+        const QString answer = info.executeCmd("/bin/tool", "x");
+        EXPECT_EQ(answer.size(), expected.size()) << script;
+        EXPECT_TRUE(answer == expected) << script << ": " << answer.left(200).toStdString();
     }
 }
 
