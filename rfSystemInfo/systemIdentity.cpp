@@ -5,15 +5,15 @@
 #include "VersionInfo.h"
 #include "deviceFile.h"
 
-#include <QDeadlineTimer>
+#include "toolRun.h"
+
 #include <QDebug>
 #include <QFile>
-#include <QProcess>
+#include <QStandardPaths>
 #include <QStringList>
 
 #include <utility>
 
-#include <signal.h>
 #include <unistd.h>
 
 namespace {
@@ -32,48 +32,6 @@ constexpr char sicutilFamily[] = "icutil";
 const char *const sicutilOptions[] = {"-r", "-sol", "5"};
 constexpr int toolTimeoutMs = 8000;
 
-// Each tool leads a process group of its own, so that whatever it starts can be stopped with it:
-// when the run ends, however it ends (an output too large to hold throws), the tool and everything
-// it started go, also what still holds its output open.
-class ToolProcess : public QProcess
-{
-public:
-    void startReadOnly(const QString &program, const QStringList &arguments)
-    {
-        start(program, arguments, QIODevice::ReadOnly);
-        processGroup = processId(); // zero again once the tool has ended
-    }
-
-    ~ToolProcess() override
-    {
-        if (processGroup > 0)
-            ::kill(static_cast<pid_t>(-processGroup), SIGKILL);
-        close();
-    }
-
-protected:
-    void setupChildProcess() override { ::setsid(); }
-
-private:
-    qint64 processGroup = 0;
-};
-
-// Everything the tool writes on standard output until it ends or the time-out passes. It is read
-// while the tool runs, so that a full pipe never stalls a tool that prints much.
-QByteArray collectOutput(QProcess &process)
-{
-    const QDeadlineTimer deadline(toolTimeoutMs);
-    QByteArray output;
-    while (process.state() != QProcess::NotRunning) {
-        if (!process.waitForReadyRead(static_cast<int>(deadline.remainingTime())) && deadline.hasExpired())
-            break;
-        output += process.readAll();
-    }
-    // What arrived with the tool's end.
-    output += process.readAll();
-    return output;
-}
-
 QStringList toolArguments(const QString &program, const QString &argument)
 {
     QStringList arguments;
@@ -85,11 +43,19 @@ QStringList toolArguments(const QString &program, const QString &argument)
     return arguments;
 }
 
-// Whether starting `program` can succeed. A bare name is left to QProcess, which searches PATH.
+// The program as QProcess would start it: a bare name is looked up in PATH and then started by the
+// path found (which is also its argv[0]); a name that is not found stays as it is.
+QString programToStart(const QString &program)
+{
+    if (program.contains(QLatin1Char('/')))
+        return program;
+    const QString found = QStandardPaths::findExecutable(program);
+    return found.isEmpty() ? program : found;
+}
+
+// Whether starting `program` can succeed.
 bool canRun(const QString &program)
 {
-    if (!program.contains(QLatin1Char('/')))
-        return true;
     const QByteArray path = QFile::encodeName(program);
     return rfsi::isRegularFile(program) && ::access(path.constData(), X_OK) == 0;
 }
@@ -113,16 +79,14 @@ QString rfSystemInfo::executeCmd(std::string program, std::string argument)
     const QStringList arguments = toolArguments(programPath, QString::fromStdString(argument));
     qDebug() << programPath << arguments;
 
-    // A path that cannot be run answers at once, as a failed start would, without forking.
-    if (!canRun(programPath))
+    // A program that cannot be run answers at once, as a failed start would, without starting anything.
+    const QString toStart = programToStart(programPath);
+    if (!canRun(toStart))
         return {};
-    ToolProcess process;
-    // Standard input is never written and standard error never read: both go nowhere rather than
-    // through pipes.
-    process.setStandardInputFile(QProcess::nullDevice());
-    process.setStandardErrorFile(QProcess::nullDevice());
-    process.startReadOnly(programPath, arguments);
-    QString output = rfsi::textUpToNul(collectOutput(process));
+    QList<QByteArray> encodedArguments;
+    for (const QString &argument : arguments)
+        encodedArguments << argument.toLocal8Bit();
+    QString output = rfsi::textUpToNul(rfsi::runTool(QFile::encodeName(toStart), encodedArguments, toolTimeoutMs));
     // In place: a tool may print tens of megabytes.
     return std::move(output).simplified();
 }

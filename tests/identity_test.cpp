@@ -6,7 +6,11 @@
 
 #include <QElapsedTimer>
 
+#include <csignal>
 #include <filesystem>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 using namespace rfsitest;
 namespace fs = std::filesystem;
@@ -92,6 +96,46 @@ TEST_F(IdentityTest, EachRunWritesOneDebugLine)
     qInstallMessageHandler(previous);
     EXPECT_EQ(debugLines,
               QStringList({R"("/bin/missing/sicutil" ("-r", "-sol", "5", "ProductName"))", R"("/bin/cat" ("a b"))"}));
+}
+
+TEST_F(IdentityTest, ToolGetsTheCallersEnvironmentAndDirectoryButNothingElseOfIt)
+{
+    installTool("/bin/tool", R"sh(read -r pid name state parent group session rest < /proc/$$/stat
+[ "$group $session" = "$$ $$" ] && echo own-session
+echo "$0"; readlink /proc/$$/fd/0 /proc/$$/fd/2
+[ -e /proc/$$/fd/$1 ] && echo "descriptor $1 leaked"
+grep -E '^SigIgn' /proc/$$/status
+echo "$RFSI_CALLER_MARK $(pwd)")sh");
+    // The shell clears its signal mask when it starts; awk shows the one it was given.
+    writeDeviceFile("/bin/mask",
+                    "#!/usr/bin/awk -f\nBEGIN { while ((getline line < \"/proc/self/status\") > 0) "
+                    "if (line ~ /^SigBlk/) print line }\n",
+                    0755);
+    // What the caller holds: a descriptor opened without close-on-exec, a blocked and an ignored
+    // signal, an environment variable and a working directory of its own.
+    const int descriptor = ::open("/dev/null", O_RDONLY);
+    sigset_t blocked, previousMask;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    ::pthread_sigmask(SIG_BLOCK, &blocked, &previousMask);
+    struct sigaction ignore = {}, previousAction = {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGTERM, &ignore, &previousAction);
+    ::setenv("RFSI_CALLER_MARK", "mark", 1);
+    const fs::path previousDirectory = fs::current_path();
+    fs::current_path("/storage");
+
+    // A bare name is searched in PATH.
+    const QString answer = info.executeCmd("tool", std::to_string(descriptor)) + " " + info.executeCmd("/bin/mask", "");
+
+    fs::current_path(previousDirectory);
+    ::unsetenv("RFSI_CALLER_MARK");
+    ::sigaction(SIGTERM, &previousAction, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
+    ::close(descriptor);
+    EXPECT_EQ(
+        answer.toStdString(),
+        "own-session /bin/tool /dev/null /dev/null SigIgn: 0000000000000000 mark /storage SigBlk: 0000000000000000");
 }
 
 TEST_F(IdentityTest, MissingProgramAnswersEmptyWithoutWaiting)
