@@ -3,13 +3,12 @@
 #include "DpbJsonHandle.h"
 #include "SolSrvInfo.h"
 #include "VersionInfo.h"
+#include "devicePaths.h"
 
 #include <QByteArray>
 
 #include <cstdio>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -22,15 +21,11 @@ constexpr size_t thermalReadLimit = 32;
 // file or does not hold a whole number. Opened without blocking, so a FIFO put there cannot hang us.
 bool readMillidegrees(int sensor, long long *millidegrees)
 {
-    const std::string path = "/sys/class/thermal/thermal_zone" + std::to_string(sensor) + "/temp";
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    const int fd = rfsi::paths::openRegularFile(rfsi::paths::thermalZonePath(sensor).c_str());
     if (fd < 0)
         return false;
-    struct stat info;
     char buffer[thermalReadLimit];
-    ssize_t size = -1;
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode))
-        size = ::read(fd, buffer, sizeof buffer);
+    const ssize_t size = ::read(fd, buffer, sizeof buffer);
     ::close(fd);
     if (size <= 0)
         return false;

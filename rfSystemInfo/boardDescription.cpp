@@ -4,6 +4,7 @@
 
 #include "DpbJsonHandle.h"
 #include "deviceFile.h"
+#include "devicePaths.h"
 
 #include <QJsonObject>
 #include <QJsonValue>
@@ -13,7 +14,7 @@
 
 namespace {
 
-constexpr char boardDescriptionPath[] = "/bin/DpbJsonInfo.json";
+using rfsi::paths::boardDescription;
 constexpr char fpgaVersionSection[] = "FPGA_VER";
 constexpr char defaultFpgaVersion[] = "1000";
 
@@ -45,9 +46,9 @@ QJsonDocument parseBoardDescription(const QByteArray &content)
 
 int rfSystemInfo::loadDpbSysmtemInfo()
 {
-    QFile file(QString::fromLatin1(boardDescriptionPath));
+    QFile file(QString::fromLatin1(boardDescription));
     if (!rfsi::openForReading(file, QIODevice::ReadOnly | QIODevice::Text)) {
-        std::printf(openFailureFormat, openFailureSource, openFailureFunction, openFailureLine, boardDescriptionPath);
+        std::printf(openFailureFormat, openFailureSource, openFailureFunction, openFailureLine, boardDescription);
         return -1;
     }
     const QByteArray content = file.readAll();

@@ -3,6 +3,7 @@
 #include "rfSystem_Info.h"
 
 #include "deviceFile.h"
+#include "devicePaths.h"
 
 #include <initializer_list>
 
@@ -12,21 +13,7 @@ constexpr char presentWord[] = "OK";
 constexpr char missingWord[] = "NONE";
 constexpr char wordSeparator[] = "/";
 
-constexpr char flatnessDncFile[] = "/bin/DNC_10_100M.csv";
-constexpr char flatnessLowFile[] = "/bin/Low_10_100M.csv";
-constexpr char flatnessHighFile[] = "/bin/High_10_100M.csv";
-constexpr char dncDacFile1[] = "/bin/dncDac1.csv";
-constexpr char dncDacFile2[] = "/bin/dncDac2.csv";
-constexpr char yroDacLowFile[] = "/bin/nyroFreq1stlow.csv";
-constexpr char yroDacHighFile[] = "/bin/nyroFreq1sthigh.csv";
-constexpr char yroSpurLowFile[] = "/bin/nyro_spur_low.csv";
-constexpr char yroSpurHighFile[] = "/bin/nyro_spur_high.csv";
-
-constexpr char basicFreqCalFile[] = "/bin/basic_freq_cal.csv";
-constexpr char baseHighFreqCalFile[] = "/bin/freq_cal_high.csv";
-constexpr char baseLowFreqCalFile[] = "/bin/freq_cal_low.csv";
-constexpr char dncFreqCalFile[] = "/bin/dnc_freq_cal.csv";
-constexpr char thirdOffsetFile[] = "/bin/thirdAmpOffset.dat";
+using namespace rfsi::paths;
 
 QString fileStatusWord(const QString &path)
 {
@@ -46,22 +33,22 @@ QString presenceReport(std::initializer_list<const char *> paths)
 
 QString rfSystemInfo::checkFlatnessFile()
 {
-    return presenceReport({flatnessDncFile, flatnessLowFile, flatnessHighFile});
+    return presenceReport({flatnessDnc, flatnessLow, flatnessHigh});
 }
 
 QString rfSystemInfo::checkDncDacFile()
 {
-    return presenceReport({dncDacFile1, dncDacFile2});
+    return presenceReport({dncDac1, dncDac2});
 }
 
 QString rfSystemInfo::checkYroDacFile()
 {
-    return presenceReport({yroDacLowFile, yroDacHighFile});
+    return presenceReport({yroDacLow, yroDacHigh});
 }
 
 QString rfSystemInfo::checkYroSpurFile()
 {
-    return presenceReport({yroSpurLowFile, yroSpurHighFile});
+    return presenceReport({yroSpurLow, yroSpurHigh});
 }
 
 QString rfSystemInfo::checkSystemDate(QString path)
@@ -86,25 +73,25 @@ QString datedStatus(rfSystemInfo &info, const char *file)
 
 QString rfSystemInfo::checkBasicFreqCalFile()
 {
-    return datedStatus(*this, basicFreqCalFile);
+    return datedStatus(*this, basicFreqCal);
 }
 
 QString rfSystemInfo::checkBaseHighFreqCalFile()
 {
-    return datedStatus(*this, baseHighFreqCalFile);
+    return datedStatus(*this, baseHighFreqCal);
 }
 
 QString rfSystemInfo::checkBaseLowFreqCalFile()
 {
-    return datedStatus(*this, baseLowFreqCalFile);
+    return datedStatus(*this, baseLowFreqCal);
 }
 
 QString rfSystemInfo::checkDncFreqCalFile()
 {
-    return datedStatus(*this, dncFreqCalFile);
+    return datedStatus(*this, dncFreqCal);
 }
 
 QString rfSystemInfo::checkThirdOffsetFile()
 {
-    return datedStatus(*this, thirdOffsetFile);
+    return datedStatus(*this, thirdOffset);
 }

@@ -1,5 +1,7 @@
 #include "deviceFile.h"
 
+#include "devicePaths.h"
+
 #include <QSettings>
 #include <QTextCodec>
 #include <QTextStream>
@@ -43,13 +45,10 @@ bool isRegularFile(const QString &path)
 
 bool openForReading(QFile &file, QIODevice::OpenMode mode)
 {
-    // Opened without blocking and checked as opened, so that nothing can be swapped in between: a
-    // FIFO would block the open, a device or /proc file would never end.
-    const int fd = ::open(QFile::encodeName(file.fileName()).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    const int fd = paths::openRegularFile(QFile::encodeName(file.fileName()).constData());
     if (fd < 0)
         return false;
-    struct stat info;
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || !file.open(fd, mode, QFileDevice::AutoCloseHandle)) {
+    if (!file.open(fd, mode, QFileDevice::AutoCloseHandle)) {
         ::close(fd);
         return false;
     }

@@ -3,15 +3,16 @@
 #include "rfSystem_Info.h"
 
 #include "deviceFile.h"
+#include "devicePaths.h"
 
 #include <algorithm>
 #include <iterator>
 
 namespace {
 
-constexpr char dspNamePath[] = "/Dsp/name.txt";
-constexpr char cpriDspNamePath[] = "/DspCpri/name.txt";
-constexpr char cpriDspVersionPath[] = "/DspCpri/version.txt";
+using rfsi::paths::cpriDspNameList;
+using rfsi::paths::cpriDspVersionList;
+using rfsi::paths::dspNameList;
 
 // What the instrument assumes when a list does not give a usable count.
 constexpr int fallbackDspCount = 3;
@@ -62,7 +63,7 @@ std::optional<rfsi::CountedList> cpriList(const char *path)
 
 int rfSystemInfo::getDspActiveCount()
 {
-    return activeCount(dspNamePath, fallbackDspCount);
+    return activeCount(dspNameList, fallbackDspCount);
 }
 
 QString rfSystemInfo::checkDspVersion(int index)
@@ -79,7 +80,7 @@ QString rfSystemInfo::checkDspString(int index)
 {
     // One read gives both the count that accepts the index and the names.
     const std::optional<rfsi::CountedList> list =
-        rfsi::readCountedList(QString::fromLatin1(dspNamePath), dspNameCapacity);
+        rfsi::readCountedList(QString::fromLatin1(dspNameList), dspNameCapacity);
     const int dsp = normalisedDspIndex(index);
     if (dsp >= activeCount(list, fallbackDspCount) || !list)
         return {};
@@ -90,19 +91,19 @@ QString rfSystemInfo::checkDspString(int index)
 
 int rfSystemInfo::getCpriDspActiveCount()
 {
-    return activeCount(cpriDspNamePath, fallbackCpriDspCount);
+    return activeCount(cpriDspNameList, fallbackCpriDspCount);
 }
 
 QString rfSystemInfo::checkCpriDspVersion(int index)
 {
-    if (!cpriIndexAccepted(rfsi::readCountedList(QString::fromLatin1(cpriDspNamePath), 0), index))
+    if (!cpriIndexAccepted(rfsi::readCountedList(QString::fromLatin1(cpriDspNameList), 0), index))
         return {};
-    return cpriDspEntry(cpriList(cpriDspVersionPath), index);
+    return cpriDspEntry(cpriList(cpriDspVersionList), index);
 }
 
 QString rfSystemInfo::checkCpriDspString(int index)
 {
     // One read gives both the count that accepts the index and the names.
-    const std::optional<rfsi::CountedList> names = cpriList(cpriDspNamePath);
+    const std::optional<rfsi::CountedList> names = cpriList(cpriDspNameList);
     return cpriIndexAccepted(names, index) ? cpriDspEntry(names, index) : QString();
 }

@@ -3,6 +3,7 @@
 #include "rfSystem_Info.h"
 
 #include "deviceFile.h"
+#include "devicePaths.h"
 
 #include <QStringList>
 
@@ -12,7 +13,7 @@
 
 namespace {
 
-const QString rfRevisionPath = QStringLiteral("/storage/RFHW_Revision.info");
+const QString rfRevisionPath = QString::fromLatin1(rfsi::paths::rfRevision);
 const QString rfRevisionKey = QStringLiteral("RF_REVISION");
 const QString fieldSeparator = QStringLiteral("/");
 

@@ -3,13 +3,14 @@
 #include "rfSystem_Info.h"
 
 #include "deviceFile.h"
+#include "devicePaths.h"
 
 #include <algorithm>
 #include <iterator>
 
 namespace {
 
-const QString inventoryInfoPath = QStringLiteral("/tmp/SystemInventoryInfo.info");
+const QString inventoryInfoPath = QString::fromLatin1(rfsi::paths::inventoryInfo);
 constexpr char dpbKeyPrefix[] = "DPB_";
 constexpr char topKeyPrefix[] = "TOP_";
 

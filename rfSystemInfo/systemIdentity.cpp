@@ -4,6 +4,7 @@
 
 #include "VersionInfo.h"
 #include "deviceFile.h"
+#include "devicePaths.h"
 
 #include "toolRun.h"
 
@@ -18,10 +19,9 @@
 
 namespace {
 
-// The identity tools, asked in this order.
-const char *const identityTools[] = {"/bin/getSicutil", "/usr/bin/sicutil"};
-constexpr char productNameField[] = "ProductName";
-constexpr char productSerialField[] = "ProductSerialNumber";
+using rfsi::paths::identityTools;
+using rfsi::paths::productNameField;
+using rfsi::paths::productSerialField;
 constexpr char fallbackModel[] = "KV720";
 constexpr char fallbackSerial[] = "SERIALNOTSET";
 constexpr char rfSerial[] = "RFSERIAL";

@@ -2,28 +2,25 @@
 #include "rfSystem_Info.h"
 
 #include "SolSrvInfo.h"
+#include "devicePaths.h"
 
 namespace {
 
-// Sensors in the order they are read and shown, each with the label that follows its reading.
-struct Sensor
-{
-    int number;
-    const char *label;
-};
-const Sensor sensors[] = {{3, "(P)"}, {0, "(M)"}, {7, "(Y)"}, {1, "(D)"}};
+using rfsi::paths::temperatureSensors;
+// The label that follows each sensor's reading.
+const char *const sensorLabels[std::size(temperatureSensors)] = {"(P)", "(M)", "(Y)", "(D)"};
 
 } // namespace
 
 QString rfSystemInfo::checkSystemTemperature()
 {
     SolSrvInfo service;
-    std::string readings[std::size(sensors)];
-    for (size_t i = 0; i < std::size(sensors); ++i)
-        readings[i] = service.getDpbTemperatureFromInfoFile(sensors[i].number);
+    std::string readings[std::size(temperatureSensors)];
+    for (size_t i = 0; i < std::size(temperatureSensors); ++i)
+        readings[i] = service.getDpbTemperatureFromInfoFile(temperatureSensors[i]);
 
     // "<P>(P)/<M>(M)\n<Y>(Y)/<D>(D)": readings as the service gives them, untouched.
-    const std::string report = readings[0] + sensors[0].label + "/" + readings[1] + sensors[1].label + "\n" +
-                               readings[2] + sensors[2].label + "/" + readings[3] + sensors[3].label;
+    const std::string report = readings[0] + sensorLabels[0] + "/" + readings[1] + sensorLabels[1] + "\n" +
+                               readings[2] + sensorLabels[2] + "/" + readings[3] + sensorLabels[3];
     return QString::fromStdString(report);
 }
