@@ -9,6 +9,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -19,8 +20,14 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char **environ;
 
 namespace {
 
@@ -272,6 +279,63 @@ std::string measureLargeOutput()
     return line;
 }
 
+// Wall time and peak resident memory of one run of the report tool, as its users start it.
+struct ToolCost
+{
+    double milliseconds = 0;
+    long peakKiB = 0;
+};
+
+ToolCost runReportTool(const std::vector<const char *> &arguments)
+{
+    std::vector<char *> argv{const_cast<char *>(RFSI_BENCH_RFSYSINFO)};
+    for (const char *argument : arguments)
+        argv.push_back(const_cast<char *>(argument));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    const auto start = std::chrono::steady_clock::now();
+    pid_t pid = 0;
+    ToolCost cost;
+    rusage usage{};
+    int status = 0;
+    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0 &&
+        ::wait4(pid, &status, 0, &usage) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+        cost.milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+        cost.peakKiB = usage.ru_maxrss;
+    }
+    ::posix_spawn_file_actions_destroy(&actions);
+    return cost;
+}
+
+// The report tool on the sample device: a plain report, a capture of the device, and a report
+// replayed from that capture; median time and peak memory of 20 runs each.
+std::string measureCaptureAndReplay()
+{
+    const std::pair<const char *, std::vector<const char *>> runs[] = {
+        {"report (--json)", {"--json"}},
+        {"capture (--capture)", {"--capture", "/tmp/benchmark-capture.tgz"}},
+        {"replayed report (--json --root CAPTURE)", {"--json", "--root", "/tmp/benchmark-capture.tgz"}},
+    };
+    std::string table = "\nrfsysinfo on the sample device (median of 20 runs):\n";
+    for (const auto &[name, arguments] : runs) {
+        std::vector<ToolCost> costs;
+        for (int run = 0; run < 20; ++run)
+            costs.push_back(runReportTool(arguments));
+        std::sort(costs.begin(), costs.end(),
+                  [](const ToolCost &a, const ToolCost &b) { return a.milliseconds < b.milliseconds; });
+        long peak = 0;
+        for (const ToolCost &cost : costs)
+            peak = std::max(peak, cost.peakKiB);
+        char line[160];
+        std::snprintf(line, sizeof line, "  %-42s %8.1f ms %8ld KiB peak resident\n", name,
+                      costs[costs.size() / 2].milliseconds, peak);
+        table += line;
+    }
+    return table;
+}
+
 // Times `call` while the process holds `heldMiB` of memory that it has written to, so that every
 // page is mapped (as in a large caller). A run with held memory is 40 calls, enough for a median.
 void registerTimed(const std::string &name, const std::function<void()> &call, std::size_t heldMiB)
@@ -316,7 +380,7 @@ int main(int argc, char **argv)
     rfsitest::askEveryQuery(info());
     const long afterReport = residentKiB();
     // Before the benchmarks raise the peak.
-    const std::string largeOutput = measureLargeOutput();
+    const std::string largeOutput = measureLargeOutput() + measureCaptureAndReplay();
 
     std::vector<Pair> measured = pairs();
     measured.push_back({"fullReport(withTools)", [] { rfsitest::askEveryQuery(info(), true); }, nullptr, false});

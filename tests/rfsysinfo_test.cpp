@@ -1,11 +1,11 @@
 // The report tool, run as the people who use it run it: a child process, on the test's device or on
 // the sample device tree through --root.
 #include "DeviceTest.h"
+#include "Rfsysinfo.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSet>
 
@@ -18,30 +18,6 @@ namespace {
 
 const QString sampleDevice = QStringLiteral(RFSI_TEST_SOURCE_DIR "/examples/device");
 const QStringList sampleSerials = {"KV721-24-0042", "DPB7-24-03117"};
-
-struct ToolRun
-{
-    int status = -1;
-    QString out, err;
-};
-
-ToolRun rfsysinfo(const QStringList &arguments)
-{
-    QProcess process;
-    process.start(QStringLiteral(RFSI_TEST_RFSYSINFO), arguments);
-    process.waitForFinished(30000);
-    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-            QString::fromUtf8(process.readAllStandardOutput()), QString::fromUtf8(process.readAllStandardError())};
-}
-
-QJsonObject parsedJson(const ToolRun &run)
-{
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(run.out.toUtf8(), &error);
-    EXPECT_EQ(error.error, QJsonParseError::NoError) << error.errorString().toStdString() << "\n"
-                                                     << run.out.toStdString();
-    return document.object();
-}
 
 // The value at a path of member names ("fpga/banks/FPGA_BANK_0_VER"); undefined when it is absent.
 QJsonValue member(const QJsonObject &document, const QString &path)
@@ -191,6 +167,8 @@ TEST_F(RfsysinfoTest, MisuseAndUnreadableTreesExitWithOneLineReasons)
         {{"extra-argument"}, 2},
         {{"--root"}, 2},
         {{"--root", "/storage/no-such-tree"}, 3},
+        {{"--capture", "/storage/c.tgz", "--json"}, 2},
+        {{"--capture", "/storage/no-such-folder/c.tgz"}, 1},
     };
     for (const auto &[arguments, status] : cases) {
         const ToolRun run = rfsysinfo(arguments);

@@ -11,8 +11,9 @@ constexpr int labelGap = 2;
 
 QString sourceDescription(const ReportHeader &header)
 {
-    return header.deviceTree.isEmpty() ? QStringLiteral("this instrument")
-                                       : QStringLiteral("device tree %1").arg(header.deviceTree);
+    if (header.deviceTree.isEmpty())
+        return QStringLiteral("this instrument");
+    return (header.capture ? QStringLiteral("capture %1") : QStringLiteral("device tree %1")).arg(header.deviceTree);
 }
 
 int widestLabel(const QVector<ReportSection> &report)

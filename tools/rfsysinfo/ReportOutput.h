@@ -9,7 +9,8 @@
 struct ReportHeader
 {
     QString version;
-    QString deviceTree; // empty: the machine's own paths
+    QString deviceTree;   // empty: the machine's own paths
+    bool capture = false; // deviceTree is a capture archive
     bool sanitized = false;
 };
 

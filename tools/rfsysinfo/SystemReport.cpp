@@ -267,18 +267,30 @@ QVector<ReportSection> collectReport(rfSystemInfo &info, const ReportOptions &op
     return report;
 }
 
+bool isMarkerText(const QString &text)
+{
+    return markerTexts.contains(text);
+}
+
+QStringList serialNumbersIn(const QVector<ReportSection> &report)
+{
+    QStringList serials;
+    for (const ReportSection &section : report)
+        for (const ReportLine &line : section.lines)
+            if (line.serial && !isMarkerText(line.text))
+                serials << line.text;
+    return serials;
+}
+
 void sanitizeReport(QVector<ReportSection> &report)
 {
     // A serial's value may appear inside other answers too (a DSP name, a board name): it goes
     // everywhere. Markers are not serials and stay.
-    QStringList serials;
+    QStringList serials = serialNumbersIn(report);
     for (ReportSection &section : report) {
-        for (ReportLine &line : section.lines) {
-            if (line.serial && !markerTexts.contains(line.text))
-                serials << line.text;
+        for (ReportLine &line : section.lines)
             if (line.serial)
                 line.text = serialPlaceholder;
-        }
         for (const QString &key : section.serialKeys)
             section.json.insert(key, serialPlaceholder);
     }

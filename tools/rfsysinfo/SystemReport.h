@@ -41,6 +41,12 @@ QVector<ReportSection> collectReport(rfSystemInfo &info, const ReportOptions &op
 // Replaces every serial number in the report, wherever it appears, by a fixed placeholder.
 void sanitizeReport(QVector<ReportSection> &report);
 
+// The serial numbers the report holds, markers left out.
+QStringList serialNumbersIn(const QVector<ReportSection> &report);
+
+// Whether `text` is one of the library's marker texts, which are never serial numbers.
+bool isMarkerText(const QString &text);
+
 // The placeholder that stands for a serial number in a sanitized report.
 extern const QString serialPlaceholder;
 

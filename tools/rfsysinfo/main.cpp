@@ -1,19 +1,27 @@
-// rfsysinfo: reports everything librfSystemInfo answers, as text or JSON, on this instrument or on a
-// copied device tree.
+// rfsysinfo: reports everything librfSystemInfo answers, as text or JSON, on this instrument, on a
+// copied device tree or on a capture; and captures a device's state into one archive.
+#include "CaptureArchive.h"
 #include "DeviceRoot.h"
+#include "DeviceState.h"
+#include "OutputFile.h"
 #include "ReportOutput.h"
 #include "SystemReport.h"
+#include "devicePaths.h"
 
 #include <rfSystem_Info.h>
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <optional>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -21,11 +29,9 @@
 namespace {
 
 constexpr int exitReport = 0;
+constexpr int exitFailure = 1;
 constexpr int exitUsage = 2;
 constexpr int exitDeviceRoot = 3;
-
-// The identity tools a copied tree may hold. They are programs of another machine.
-const char *const identityTools[] = {"/bin/getSicutil", "/usr/bin/sicutil"};
 
 struct Settings
 {
@@ -33,7 +39,8 @@ struct Settings
     bool sanitize = false;
     bool verbose = false;
     bool allowTools = false;
-    QString deviceTree;
+    QString deviceTree; // a folder, or a capture archive
+    QString capture;
     QStringList sections;
 };
 
@@ -54,13 +61,19 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
     const QCommandLineOption jsonOption("json", "Print one JSON document instead of text.");
-    const QCommandLineOption rootOption(
-        "root", "Report on a copied device tree (for example a backup of an instrument), seen read-only.", "DIR");
-    const QCommandLineOption allowToolsOption("allow-tools", "With --root: run the identity tools of the tree.");
+    const QCommandLineOption rootOption("root",
+                                        "Report on a copied device tree (for example a backup of an instrument) "
+                                        "or on a capture archive made with --capture, seen read-only.",
+                                        "DIR|CAPTURE");
+    const QCommandLineOption allowToolsOption("allow-tools", "With --root DIR: run the identity tools of the tree.");
+    const QCommandLineOption captureOption(
+        "capture", "Write the device's state (every file the library reads, the identity tools' answers) to FILE.",
+        "FILE");
     const QCommandLineOption sanitizeOption("sanitize", "Replace every serial number by " + serialPlaceholder + ".");
     const QCommandLineOption sectionOption("section", "Report only this section (repeatable).", "NAME");
     const QCommandLineOption verboseOption("verbose", "Show the library's own messages on standard error.");
-    parser.addOptions({jsonOption, rootOption, allowToolsOption, sanitizeOption, sectionOption, verboseOption});
+    parser.addOptions(
+        {jsonOption, rootOption, allowToolsOption, captureOption, sanitizeOption, sectionOption, verboseOption});
 
     if (!parser.parse(app.arguments())) {
         error = parser.errorText();
@@ -79,12 +92,17 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
     settings.verbose = parser.isSet(verboseOption);
     settings.allowTools = parser.isSet(allowToolsOption);
     settings.deviceTree = parser.value(rootOption);
+    settings.capture = parser.value(captureOption);
     settings.sections = parser.values(sectionOption);
     for (const QString &section : settings.sections) {
         if (!reportSectionNames().contains(section)) {
             error = "unknown section '" + section + "' (sections: " + reportSectionNames().join(", ") + ")";
             return false;
         }
+    }
+    if (parser.isSet(captureOption) && (settings.json || !settings.sections.isEmpty())) {
+        error = "--capture takes the whole device and prints no report: it goes with neither --json nor --section";
+        return false;
     }
     return true;
 }
@@ -110,28 +128,23 @@ int separateReportFromLibraryOutput(bool verbose)
     return reportFd;
 }
 
-bool enterDeviceTree(const Settings &settings, QString &error)
+bool enterDeviceRoot(const QString &tree, const QString &source, QString &error)
 {
-    const QString tree = QFileInfo(settings.deviceTree).absoluteFilePath();
-    // Decided on the host, where the tree stands at its own path.
-    QStringList treeTools;
-    for (const char *tool : identityTools)
-        if (QFileInfo::exists(tree + tool))
-            treeTools << tool;
     try {
         deviceroot::Options options;
         options.deviceTree = QFile::encodeName(tree).toStdString();
         deviceroot::enter(options);
+        return true;
     } catch (const deviceroot::SetupError &setupError) {
-        error = QStringLiteral("cannot read the device tree %1: %2").arg(settings.deviceTree, setupError.what());
+        error = QStringLiteral("cannot read %1: %2").arg(source, setupError.what());
         return false;
     }
-    // The tree's tools run only when allowed; where the tree has none, the machine's own must not
-    // answer for it.
-    for (const char *tool : identityTools) {
-        if (settings.allowTools && treeTools.contains(QLatin1String(tool)))
-            continue;
-        if (::unlink(tool) != 0 && errno != ENOENT) {
+}
+
+bool removeTools(const QStringList &tools, QString &error)
+{
+    for (const QString &tool : tools) {
+        if (::unlink(QFile::encodeName(tool).constData()) != 0 && errno != ENOENT) {
             error = QStringLiteral("cannot keep %1 from running: %2").arg(tool, std::strerror(errno));
             return false;
         }
@@ -139,10 +152,95 @@ bool enterDeviceTree(const Settings &settings, QString &error)
     return true;
 }
 
+// Enters a device root that shows the copied tree. The machine's own identity tools never answer for
+// the tree: where the tree has none, the root has none either.
+bool enterDeviceTree(const Settings &settings, QString &error)
+{
+    const QString tree = QFileInfo(settings.deviceTree).absoluteFilePath();
+    // Decided on the host, where the tree stands at its own path.
+    QStringList foreignTools;
+    for (const QString &tool : identityToolPaths())
+        if (!QFileInfo::exists(tree + tool))
+            foreignTools << tool;
+    return enterDeviceRoot(tree, QStringLiteral("the device tree %1").arg(settings.deviceTree), error) &&
+           removeTools(foreignTools, error);
+}
+
+// Enters an empty device root and puts the captured state into it.
+std::optional<DeviceState> enterCapture(const Settings &settings, QString &error)
+{
+    const int fd = ::open(QFile::encodeName(settings.deviceTree).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        error = QStringLiteral("cannot read the capture %1: %2").arg(settings.deviceTree, std::strerror(errno));
+        return std::nullopt;
+    }
+    QString refusal;
+    std::optional<DeviceState> state = readCaptureArchive(fd, refusal);
+    ::close(fd);
+    if (!state) {
+        error = QStringLiteral("refused the capture %1: %2").arg(settings.deviceTree, refusal);
+        return std::nullopt;
+    }
+    const QString source = QStringLiteral("the capture %1").arg(settings.deviceTree);
+    if (!enterDeviceRoot({}, source, error) || !applyDeviceState(*state, error))
+        return std::nullopt;
+    return state;
+}
+
 bool writeReport(int fd, const QByteArray &report)
 {
     QFile out;
     return out.open(fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle) && out.write(report) == report.size();
+}
+
+// The time a capture records: now, or SOURCE_DATE_EPOCH where it is set, so that two captures of an
+// unchanged device can be made byte for byte the same.
+QDateTime captureTime()
+{
+    bool isNumber = false;
+    const qint64 fixed = qEnvironmentVariable("SOURCE_DATE_EPOCH").toLongLong(&isNumber);
+    return isNumber ? QDateTime::fromSecsSinceEpoch(fixed, Qt::UTC) : QDateTime::currentDateTimeUtc();
+}
+
+// The serial numbers a capture must not carry: the inventory's and whatever a tool answered for the
+// serial number field.
+QStringList serialNumbersOf(rfSystemInfo &info, const DeviceState &state)
+{
+    ReportOptions inventoryOnly;
+    inventoryOnly.sections = QStringList{QStringLiteral("inventory")};
+    QStringList serials = serialNumbersIn(collectReport(info, inventoryOnly));
+    for (const IdentityAnswer &answer : state.answers)
+        if (answer.argument == QLatin1String(rfsi::paths::productSerialField) && !isMarkerText(answer.output))
+            serials << answer.output;
+    return serials;
+}
+
+int capture(const Settings &settings, OutputFile &output, bool askTools, int reportFd)
+{
+    rfSystemInfo &info = *rfSystemInfo::param();
+    DeviceState state = readDeviceState(info, askTools);
+    CaptureHeader header{RFSI_VERSION, captureTime(), settings.deviceTree, settings.sanitize};
+    if (settings.sanitize) {
+        const QStringList serials = serialNumbersOf(info, state);
+        replaceSerials(state, serials, serialPlaceholder);
+        for (const QString &serial : serials)
+            header.sourceTree.replace(serial, serialPlaceholder);
+    }
+    const QByteArray archive = captureArchive(state, header);
+    QString error;
+    if (!output.write(archive, error))
+        return fail(exitFailure, error);
+    int copied = 0;
+    for (const DeviceNode &file : state.files)
+        copied += file.kind == NodeKind::File;
+    const QString summary =
+        QStringLiteral("captured %1 files and %2 answers of the identity tools into %3 (%4 bytes)\n")
+            .arg(copied)
+            .arg(state.answers.size())
+            .arg(settings.capture)
+            .arg(archive.size());
+    writeReport(reportFd, summary.toUtf8());
+    return exitReport;
 }
 
 } // namespace
@@ -161,20 +259,47 @@ int main(int argc, char **argv)
     const int reportFd = separateReportFromLibraryOutput(settings.verbose);
     if (reportFd < 0)
         return fail(exitUsage, QStringLiteral("cannot set up the output: %1").arg(std::strerror(errno)));
-    if (!settings.deviceTree.isEmpty() && !enterDeviceTree(settings, error))
-        return fail(exitDeviceRoot, error);
+    // Opened here: inside a device root the capture's folder is out of reach.
+    std::unique_ptr<OutputFile> captureFile;
+    if (!settings.capture.isEmpty()) {
+        captureFile = std::make_unique<OutputFile>(settings.capture);
+        if (!captureFile->openError().isEmpty())
+            return fail(exitFailure, captureFile->openError());
+    }
+
+    // The identity tools answer on this instrument, for a tree only when allowed, and for a capture
+    // as they answered when it was made.
+    bool toolsRun = true;
+    const bool replay = !settings.deviceTree.isEmpty() && QFileInfo(settings.deviceTree).isFile();
+    if (replay) {
+        const std::optional<DeviceState> replayed = enterCapture(settings, error);
+        if (!replayed)
+            return fail(exitDeviceRoot, error);
+        toolsRun = replayed->toolsAsked;
+        // A sanitized capture gives sanitized reports: what it replaced is not there to show.
+        settings.sanitize = settings.sanitize || replayed->sanitized;
+    } else if (!settings.deviceTree.isEmpty()) {
+        if (!enterDeviceTree(settings, error))
+            return fail(exitDeviceRoot, error);
+        toolsRun = settings.allowTools;
+        // A capture records what the tree holds; a report must not run what it was not allowed to.
+        if (!captureFile && !toolsRun && !removeTools(identityToolPaths(), error))
+            return fail(exitDeviceRoot, error);
+    }
+    if (captureFile)
+        return capture(settings, *captureFile, toolsRun, reportFd);
 
     ReportOptions options;
     options.sections = settings.sections;
-    options.identityToolsRun = settings.deviceTree.isEmpty() || settings.allowTools;
+    options.identityToolsRun = toolsRun;
     QVector<ReportSection> report = collectReport(*rfSystemInfo::param(), options);
     if (settings.sanitize)
         sanitizeReport(report);
 
-    const ReportHeader header{RFSI_VERSION, settings.deviceTree, settings.sanitize};
+    const ReportHeader header{RFSI_VERSION, settings.deviceTree, replay, settings.sanitize};
     const QByteArray output = settings.json ? jsonReport(header, report) : textReport(header, report);
     std::fflush(stdout); // the library's own lines, before the report is complete
     if (!writeReport(reportFd, output))
-        return fail(1, QStringLiteral("cannot write the report: %1").arg(std::strerror(errno)));
+        return fail(exitFailure, QStringLiteral("cannot write the report: %1").arg(std::strerror(errno)));
     return exitReport;
 }

@@ -1,0 +1,239 @@
+#include "DeviceState.h"
+
+#include "devicePaths.h"
+
+#include <rfSystem_Info.h>
+
+#include <QFile>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::pair<NodeKind, const char *> kindNames[] = {
+    {NodeKind::File, "file"},
+    {NodeKind::Missing, "missing"},
+    {NodeKind::Folder, "folder"},
+    {NodeKind::Other, "other"},
+};
+
+// Where a replay keeps the recorded answers: one file per program and field, below this folder and
+// the program's own path. Outside every fixed path, so the library never sees it.
+constexpr char answersFolder[] = "/.rfsi-replay/identity";
+
+// Stands at an identity tool's path during a replay. It prints the answer recorded for the program it
+// was started as and the field it is asked for (its last argument), and nothing when there is none:
+// the answers stay data, and no program of the captured device ever runs.
+constexpr char replayProgram[] = R"(#!/bin/sh
+# rfsysinfo replay: prints the answer that an identity tool gave when its device was captured.
+for field; do :; done
+case $field in '' | *[!A-Za-z0-9_]*) exit 0 ;; esac
+answer="/.rfsi-replay/identity$0/$field"
+[ -f "$answer" ] && exec cat -- "$answer"
+exit 0
+)";
+
+// Reads at most `limit` bytes; false when the file ends later.
+bool readUpTo(int fd, qint64 limit, QByteArray &content)
+{
+    char buffer[65536];
+    for (;;) {
+        const qint64 room = limit - content.size();
+        const ssize_t count = ::read(fd, buffer, static_cast<size_t>(std::min<qint64>(room + 1, sizeof buffer)));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return true;
+        content.append(buffer, static_cast<int>(std::min<qint64>(count, room)));
+        if (count > room)
+            return false;
+    }
+}
+
+// What stands at `path`, as the library would find it; with the bytes when `copyLimit` allows.
+DeviceNode readNode(const QString &path, qint64 copyLimit)
+{
+    DeviceNode node{path, NodeKind::Missing, {}, 0, false};
+    const int fd = rfsi::paths::openDeviceNode(QFile::encodeName(path).constData());
+    if (fd < 0) {
+        // A dangling link or a link loop is no file for the library either.
+        const bool missing = errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
+        node.kind = missing ? NodeKind::Missing : NodeKind::Other;
+        return node;
+    }
+    struct stat info;
+    if (::fstat(fd, &info) != 0)
+        node.kind = NodeKind::Other;
+    else if (S_ISDIR(info.st_mode))
+        node.kind = NodeKind::Folder;
+    else if (!S_ISREG(info.st_mode))
+        node.kind = NodeKind::Other;
+    else {
+        node.kind = NodeKind::File;
+        node.modified = info.st_mtim.tv_sec;
+        // The size is what a read gives: files below /sys claim a size they do not have.
+        if (copyLimit >= 0)
+            node.truncated = !readUpTo(fd, copyLimit, node.content);
+    }
+    ::close(fd);
+    return node;
+}
+
+bool fail(QString &error, const QString &what, const std::string &path)
+{
+    error = QStringLiteral("cannot %1 %2: %3").arg(what, QString::fromStdString(path), std::strerror(errno));
+    return false;
+}
+
+bool writeFile(const std::string &path, const QByteArray &content, mode_t mode, QString &error)
+{
+    std::error_code ignored;
+    fs::create_directories(fs::path(path).parent_path(), ignored);
+    QFile file(QString::fromStdString(path));
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(content) != content.size())
+        return fail(error, "write", path);
+    file.close();
+    return ::chmod(path.c_str(), mode) == 0 || fail(error, "set the mode of", path);
+}
+
+// Makes `node.path` hold what was recorded there; whatever stood there before goes.
+bool putNode(const DeviceNode &node, QString &error)
+{
+    const std::string path = QFile::encodeName(node.path).toStdString();
+    std::error_code removal;
+    fs::remove_all(path, removal);
+    if (removal) {
+        errno = removal.value();
+        return fail(error, "clear", path);
+    }
+    std::error_code ignored;
+    switch (node.kind) {
+    case NodeKind::Missing:
+        return true;
+    case NodeKind::Folder:
+        return fs::create_directories(path, ignored) || fail(error, "make the folder", path);
+    case NodeKind::Other:
+        // Present and unreadable, as the node that stood there was.
+        fs::create_directories(fs::path(path).parent_path(), ignored);
+        return ::mkfifo(path.c_str(), 0644) == 0 || fail(error, "make the node", path);
+    case NodeKind::File:
+        break;
+    }
+    if (!writeFile(path, node.content, 0644, error))
+        return false;
+    const time_t modified = static_cast<time_t>(node.modified);
+    const timespec times[2] = {{modified, 0}, {modified, 0}};
+    return ::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0 || fail(error, "set the time of", path);
+}
+
+bool putReplayProgram(const DeviceNode &tool, const DeviceState &state, QString &error)
+{
+    for (const IdentityAnswer &answer : state.answers) {
+        if (answer.program != tool.path)
+            continue;
+        const std::string path =
+            answersFolder + QFile::encodeName(answer.program + '/' + answer.argument).toStdString();
+        if (!writeFile(path, answer.output.toUtf8(), 0644, error))
+            return false;
+    }
+    return writeFile(QFile::encodeName(tool.path).toStdString(), replayProgram, 0755, error);
+}
+
+} // namespace
+
+QString nodeKindName(NodeKind kind)
+{
+    for (const auto &[known, name] : kindNames)
+        if (known == kind)
+            return QLatin1String(name);
+    return {};
+}
+
+bool nodeKindFromName(const QString &name, NodeKind &kind)
+{
+    for (const auto &[known, knownName] : kindNames) {
+        if (name == QLatin1String(knownName)) {
+            kind = known;
+            return true;
+        }
+    }
+    return false;
+}
+
+QStringList capturedFilePaths()
+{
+    QStringList paths;
+    for (const char *path : rfsi::paths::deviceFiles)
+        paths << QLatin1String(path);
+    for (int sensor : rfsi::paths::temperatureSensors)
+        paths << QString::fromStdString(rfsi::paths::thermalZonePath(sensor));
+    paths.sort();
+    return paths;
+}
+
+QStringList identityToolPaths()
+{
+    QStringList paths;
+    for (const char *tool : rfsi::paths::identityTools)
+        paths << QLatin1String(tool);
+    return paths;
+}
+
+DeviceState readDeviceState(rfSystemInfo &info, bool askTools)
+{
+    DeviceState state;
+    qint64 budget = captureTotalCap;
+    for (const QString &path : capturedFilePaths()) {
+        state.files << readNode(path, std::min(captureFileCap, budget));
+        budget -= state.files.back().content.size();
+    }
+    for (const QString &tool : identityToolPaths())
+        state.tools << readNode(tool, -1);
+    state.toolsAsked = askTools;
+    if (askTools) {
+        for (const char *tool : rfsi::paths::identityTools)
+            for (const char *field : rfsi::paths::identityFields)
+                state.answers.push_back({QLatin1String(tool), QLatin1String(field), info.executeCmd(tool, field)});
+    }
+    return state;
+}
+
+void replaceSerials(DeviceState &state, QStringList serials, const QString &placeholder)
+{
+    // Longest first, so that a serial that contains another is replaced whole.
+    std::sort(serials.begin(), serials.end(), [](const QString &a, const QString &b) { return a.size() > b.size(); });
+    const QByteArray replacement = placeholder.toUtf8();
+    for (DeviceNode &file : state.files)
+        for (const QString &serial : serials)
+            file.content.replace(serial.toUtf8(), replacement);
+    for (IdentityAnswer &answer : state.answers)
+        for (const QString &serial : serials)
+            answer.output.replace(serial, placeholder);
+}
+
+bool applyDeviceState(const DeviceState &state, QString &error)
+{
+    for (const DeviceNode &file : state.files)
+        if (!putNode(file, error))
+            return false;
+    for (const DeviceNode &tool : state.tools) {
+        // A tool that was asked answers as it did; one that was not stays silent, as it was.
+        const bool replayed = tool.kind == NodeKind::File && state.toolsAsked;
+        DeviceNode placeholder = tool;
+        if (tool.kind == NodeKind::File)
+            placeholder.kind = NodeKind::Missing;
+        if (!putNode(placeholder, error) || (replayed && !putReplayProgram(tool, state, error)))
+            return false;
+    }
+    return true;
+}

@@ -1,0 +1,68 @@
+// A device's state as the library sees it: what stands at each fixed path (with the bytes of every
+// file it reads) and what the identity tools answered. Read from a device for a capture, and put back
+// into a private device root for a replay.
+#ifndef RFSYSINFO_DEVICESTATE_H
+#define RFSYSINFO_DEVICESTATE_H
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+class rfSystemInfo;
+
+// What stands at a fixed path. The library reads anything but a regular file as present and
+// unreadable, so a folder and another kind of node are recorded, never copied.
+enum class NodeKind { File, Missing, Folder, Other };
+
+QString nodeKindName(NodeKind kind);
+// False when `name` names no kind.
+bool nodeKindFromName(const QString &name, NodeKind &kind);
+
+struct DeviceNode
+{
+    QString path; // absolute, as the library reads it
+    NodeKind kind = NodeKind::Missing;
+    QByteArray content;     // File: the bytes, at most captureFileCap of them
+    qint64 modified = 0;    // File: modification time, seconds since the epoch
+    bool truncated = false; // File: longer than what was copied
+};
+
+struct IdentityAnswer
+{
+    QString program;
+    QString argument;
+    QString output; // as the command runner returned it
+};
+
+struct DeviceState
+{
+    QVector<DeviceNode> files; // every file the library and the stand-ins read, sorted by path
+    QVector<DeviceNode> tools; // the identity tools' paths: their kind only, never their bytes
+    bool toolsAsked = false;   // whether the identity tools were run for the answers
+    QVector<IdentityAnswer> answers;
+    bool sanitized = false; // read from a capture whose serial numbers were replaced
+};
+
+// How much of a device a capture takes: per file, and in all.
+constexpr qint64 captureFileCap = 16 << 20;
+constexpr qint64 captureTotalCap = 64 << 20;
+
+// The paths of every file a capture copies, sorted.
+QStringList capturedFilePaths();
+// The identity tools' paths, in the order the library asks them.
+QStringList identityToolPaths();
+
+// Reads the fixed paths of the device this process sees, each the way the library opens it (without
+// blocking, checked as opened) and within the caps; runs the identity tools when `askTools`.
+DeviceState readDeviceState(rfSystemInfo &info, bool askTools);
+
+// Replaces every serial number in the copied bytes and in the recorded answers.
+void replaceSerials(DeviceState &state, QStringList serials, const QString &placeholder);
+
+// Inside a private device root: makes every fixed path hold what `state` recorded, and lets the
+// identity tools answer what they answered (when they were asked) through a replay program of this
+// tool's own, which reads the recorded answers as data. False with `error` when a step fails.
+bool applyDeviceState(const DeviceState &state, QString &error);
+
+#endif // RFSYSINFO_DEVICESTATE_H
