@@ -1,0 +1,126 @@
+// Every case under tests/devices: a device tree with the report it must give beside it. The report
+// tool reads the tree through a private device root, and a capture made of it; both reports must
+// equal the expected one, section for section. Adding a case needs no code (tests/devices/README.md).
+#include "DeviceTest.h"
+#include "Rfsysinfo.h"
+
+#include <QFile>
+#include <QJsonArray>
+
+#include <filesystem>
+#include <fstream>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace rfsitest;
+namespace fs = std::filesystem;
+
+namespace {
+
+const fs::path caseFolders = RFSI_TEST_SOURCE_DIR "/tests/devices";
+
+QJsonObject jsonFile(const fs::path &path)
+{
+    QFile file(QString::fromStdString(path.string()));
+    return file.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(file.readAll()).object() : QJsonObject();
+}
+
+// The report without the header keys that name the tool, its version and the source.
+QJsonObject sectionsOf(const ToolRun &run)
+{
+    QJsonObject report = parsedJson(run);
+    for (const char *header : {"tool", "version", "deviceTree", "sanitized"})
+        report.remove(header);
+    return report;
+}
+
+// Where `actual` differs from `expected`, one line a value: "path: expected ≠ actual".
+void listDifferences(const QJsonValue &expected, const QJsonValue &actual, const QString &path, QStringList &lines)
+{
+    if (expected.isObject() && actual.isObject()) {
+        QStringList keys = expected.toObject().keys() + actual.toObject().keys();
+        keys.removeDuplicates();
+        for (const QString &key : keys)
+            listDifferences(expected.toObject().value(key), actual.toObject().value(key), path + '/' + key, lines);
+    } else if (expected.isArray() && actual.isArray() && expected.toArray().size() == actual.toArray().size()) {
+        for (int i = 0; i < expected.toArray().size(); ++i)
+            listDifferences(expected.toArray().at(i), actual.toArray().at(i), path + '/' + QString::number(i), lines);
+    } else if (expected != actual) {
+        auto text = [](const QJsonValue &value) {
+            return QString::fromUtf8(QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact)).mid(1).chopped(1);
+        };
+        lines << path + ": " + text(expected) + " ≠ " + text(actual);
+    }
+}
+
+void makeSocket(const fs::path &path)
+{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.string().copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << path;
+    ::close(fd);
+}
+
+// The case's tree, copied where the tool can read it (links as links), with the FIFOs, folders and
+// sockets that its "nodes" file lists: git keeps none of them.
+QString preparedTree(const fs::path &caseFolder)
+{
+    const fs::path copy = "/storage/cases" / caseFolder.filename();
+    fs::create_directories(copy);
+    fs::copy(fs::canonical(caseFolder / "tree"), copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    std::ifstream nodes(caseFolder / "nodes");
+    for (std::string kind, path; nodes >> kind >> path;) {
+        const fs::path node = copy.string() + path;
+        fs::create_directories(node.parent_path());
+        if (kind == "fifo")
+            EXPECT_EQ(::mkfifo(node.c_str(), 0644), 0) << node;
+        else if (kind == "socket")
+            makeSocket(node);
+        else
+            EXPECT_TRUE(fs::create_directory(node)) << node;
+    }
+    return QString::fromStdString(copy.string());
+}
+
+QStringList argumentsOf(const fs::path &caseFolder)
+{
+    QStringList arguments;
+    std::ifstream file(caseFolder / "arguments");
+    for (std::string argument; file >> argument;)
+        arguments << QString::fromStdString(argument);
+    return arguments;
+}
+
+} // namespace
+
+class DeviceCasesTest : public DeviceTest
+{
+};
+
+TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACapture)
+{
+    int cases = 0;
+    for (const fs::directory_entry &folder : fs::directory_iterator(caseFolders)) {
+        if (!folder.is_directory())
+            continue;
+        ++cases;
+        SCOPED_TRACE(folder.path().filename().string());
+        const QJsonObject expected = jsonFile(folder.path() / "expected.json");
+        ASSERT_FALSE(expected.isEmpty()) << "no expected.json";
+        const QStringList tree = QStringList{"--root", preparedTree(folder.path())} + argumentsOf(folder.path());
+        const QString capture = QStringLiteral("/storage/capture.tgz");
+        ASSERT_EQ(rfsysinfo(QStringList{"--capture", capture} + tree).status, 0);
+        for (const QStringList &source : {tree, QStringList{"--root", capture}}) {
+            QStringList differences;
+            listDifferences(expected, sectionsOf(rfsysinfo(QStringList{"--json"} + source)), {}, differences);
+            EXPECT_TRUE(differences.isEmpty()) << source.join(' ').toStdString() << ":\n"
+                                               << differences.join('\n').toStdString();
+        }
+    }
+    EXPECT_GE(cases, 30) << "the cases under " << caseFolders;
+}
