@@ -4,6 +4,7 @@
 #include "DeviceTest.h"
 #include "Rfsysinfo.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 
@@ -106,16 +107,21 @@ TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACap
 {
     int cases = 0;
     for (const fs::directory_entry &folder : fs::directory_iterator(caseFolders)) {
-        if (!folder.is_directory())
+        if (!folder.is_directory() || !fs::exists(folder.path() / "expected.json"))
             continue;
         ++cases;
         SCOPED_TRACE(folder.path().filename().string());
         const QJsonObject expected = jsonFile(folder.path() / "expected.json");
-        ASSERT_FALSE(expected.isEmpty()) << "no expected.json";
-        const QStringList tree = QStringList{"--root", preparedTree(folder.path())} + argumentsOf(folder.path());
-        const QString capture = QStringLiteral("/storage/capture.tgz");
-        ASSERT_EQ(rfsysinfo(QStringList{"--capture", capture} + tree).status, 0);
-        for (const QStringList &source : {tree, QStringList{"--root", capture}}) {
+        QList<QStringList> sources;
+        if (fs::exists(folder.path() / "capture.tgz")) {
+            sources << QStringList{"--root", QString::fromStdString((folder.path() / "capture.tgz").string())};
+        } else {
+            const QStringList tree = QStringList{"--root", preparedTree(folder.path())} + argumentsOf(folder.path());
+            const QString capture = QStringLiteral("/storage/capture.tgz");
+            ASSERT_EQ(rfsysinfo(QStringList{"--capture", capture} + tree).status, 0);
+            sources << tree << QStringList{"--root", capture};
+        }
+        for (const QStringList &source : sources) {
             QStringList differences;
             listDifferences(expected, sectionsOf(rfsysinfo(QStringList{"--json"} + source)), {}, differences);
             EXPECT_TRUE(differences.isEmpty()) << source.join(' ').toStdString() << ":\n"
@@ -123,4 +129,29 @@ TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACap
         }
     }
     EXPECT_GE(cases, 30) << "the cases under " << caseFolders;
+}
+
+TEST_F(DeviceCasesTest, EachRefusedCaptureIsRefusedQuicklyForItsReason)
+{
+    int cases = 0;
+    for (const fs::directory_entry &folder : fs::directory_iterator(caseFolders)) {
+        std::ifstream refusalFile(folder.path() / "refusal");
+        std::string refusal;
+        if (!std::getline(refusalFile, refusal))
+            continue;
+        ++cases;
+        SCOPED_TRACE(folder.path().filename().string());
+        const QString archive = QString::fromStdString((folder.path() / "capture.tgz").string());
+        QElapsedTimer timer;
+        timer.start();
+        const ToolRun run = rfsysinfo({"--root", archive});
+        EXPECT_LT(timer.elapsed(), 5000);
+        EXPECT_EQ(run.status, 3);
+        EXPECT_EQ(run.out, "");
+        const QString prefix = "rfsysinfo: refused the capture " + archive + ": ";
+        EXPECT_TRUE(run.err.startsWith(prefix) && run.err.count('\n') == 1) << run.err.toStdString();
+        EXPECT_TRUE(run.err.contains(QString::fromStdString(refusal))) << run.err.toStdString();
+    }
+    EXPECT_GE(cases, 15);
+    EXPECT_FALSE(fs::exists("/storage/escaped"));
 }

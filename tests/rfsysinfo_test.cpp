@@ -1,15 +1,19 @@
-// The report tool, run as the people who use it run it: a child process, on the test's device or on
-// the sample device tree through --root.
+// The report tool as its users run it, a child process: the text report, the header, sections,
+// sanitizing, whose identity tools answer, capture files, and misuse. (What it reports for a device
+// is a device case: tests/devices.)
 #include "DeviceTest.h"
 #include "Rfsysinfo.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
+#include <QCryptographicHash>
+#include <QFile>
 #include <QRegularExpression>
 #include <QSet>
 
+#include <archive.h>
+#include <archive_entry.h>
+
 #include <filesystem>
+#include <memory>
 
 using namespace rfsitest;
 namespace fs = std::filesystem;
@@ -17,15 +21,51 @@ namespace fs = std::filesystem;
 namespace {
 
 const QString sampleDevice = QStringLiteral(RFSI_TEST_SOURCE_DIR "/examples/device");
+const QStringList sampleWithTools = {"--root", sampleDevice, "--allow-tools"};
 const QStringList sampleSerials = {"KV721-24-0042", "DPB7-24-03117"};
+const QString capturePath = QStringLiteral("/storage/capture.tgz");
 
-// The value at a path of member names ("fpga/banks/FPGA_BANK_0_VER"); undefined when it is absent.
-QJsonValue member(const QJsonObject &document, const QString &path)
+ToolRun captureOf(const QStringList &source, const QString &epoch = {})
 {
-    QJsonValue value = document;
-    for (const QString &name : path.split('/'))
-        value = value.toObject().value(name);
-    return value;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    if (!epoch.isEmpty())
+        environment.insert("SOURCE_DATE_EPOCH", epoch);
+    const ToolRun run = rfsysinfo(QStringList{"--capture", capturePath} + source, environment);
+    EXPECT_EQ(run.status, 0) << run.err.toStdString();
+    return run;
+}
+
+QByteArray unpackedCapture()
+{
+    QProcess gzip;
+    gzip.start("gzip", {"-dc", capturePath});
+    gzip.waitForFinished(10000);
+    return gzip.readAllStandardOutput();
+}
+
+// A capture's entries, one line each: name, type and mode in octal, owner, time and a hash of the
+// content; and its manifest.
+QStringList entriesOf(const QString &path, QJsonObject &manifest)
+{
+    QStringList entries;
+    const std::unique_ptr<archive, int (*)(archive *)> reader(archive_read_new(), archive_read_free);
+    archive_read_support_filter_gzip(reader.get());
+    archive_read_support_format_tar(reader.get());
+    archive_read_open_filename(reader.get(), QFile::encodeName(path).constData(), 65536);
+    for (archive_entry *entry = nullptr; archive_read_next_header(reader.get(), &entry) == ARCHIVE_OK;) {
+        QByteArray content(static_cast<int>(archive_entry_size(entry)), '\0');
+        archive_read_data(reader.get(), content.data(), static_cast<size_t>(content.size()));
+        if (entries.isEmpty())
+            manifest = QJsonDocument::fromJson(content).object();
+        entries << QStringLiteral("%1 %2 %3:%4 %5 %6")
+                       .arg(archive_entry_pathname(entry))
+                       .arg(archive_entry_mode(entry), 0, 8)
+                       .arg(archive_entry_uid(entry))
+                       .arg(archive_entry_gid(entry))
+                       .arg(archive_entry_mtime(entry))
+                       .arg(QString::fromLatin1(QCryptographicHash::hash(content, QCryptographicHash::Sha1).toHex()));
+    }
+    return entries;
 }
 
 } // namespace
@@ -36,7 +76,7 @@ class RfsysinfoTest : public DeviceTest
 
 TEST_F(RfsysinfoTest, TextReportShowsEverySectionWithAlignedLabels)
 {
-    const ToolRun run = rfsysinfo({"--root", sampleDevice, "--allow-tools"});
+    const ToolRun run = rfsysinfo(sampleWithTools);
     ASSERT_EQ(run.status, 0) << run.err.toStdString();
     EXPECT_EQ(run.err, "");
     for (const char *expected :
@@ -50,113 +90,95 @@ TEST_F(RfsysinfoTest, TextReportShowsEverySectionWithAlignedLabels)
         if (line.startsWith("  ") && !line.startsWith("   "))
             valueColumns << static_cast<int>(line.indexOf(QRegularExpression("\\S"), line.indexOf("  ", 2) + 2));
     EXPECT_EQ(valueColumns.size(), 1) << run.out.toStdString();
+    // The JSON form of a sanitized report is a device case; the text form renders the same lines.
+    const ToolRun sanitized = rfsysinfo(sampleWithTools + QStringList{"--sanitize"});
+    for (const QString &serial : sampleSerials)
+        EXPECT_FALSE(sanitized.out.contains(serial)) << serial.toStdString();
+    EXPECT_TRUE(sanitized.out.contains("<serial>") && sanitized.out.contains("KV721"));
 }
 
-TEST_F(RfsysinfoTest, JsonReportHasEveryKeyAndStaysValidWhenTheLibraryComplains)
+TEST_F(RfsysinfoTest, TheLibrarysOwnMessagesStayOffTheReport)
 {
-    const QStringList keys = {"tool",
-                              "version",
-                              "deviceTree",
-                              "sanitized",
-                              "identity/model",
-                              "identity/serialNumber",
-                              "identity/firmwareVersion",
-                              "identity/uiVersion",
-                              "identity/rfSerial",
-                              "identity/identityToolsRun",
-                              "inventory/DPB_HardwareSetName",
-                              "inventory/TOP_ProductSerialNumber",
-                              "rf/summary",
-                              "rf/yro/revision",
-                              "rf/mixer/text",
-                              "rf/dnc/revision",
-                              "fpga/boardDescriptionLoaded",
-                              "fpga/banks/FPGA_BANK_14_VER",
-                              "dsp/activeCount",
-                              "dsp/images",
-                              "cpri/activeCount",
-                              "cpri/images",
-                              "temperature/report",
-                              "temperature/readings/P",
-                              "calibration/flatness",
-                              "calibration/dncDac",
-                              "calibration/yroDac",
-                              "calibration/yroSpur",
-                              "calibration/basicFreqCal",
-                              "calibration/baseHighFreqCal",
-                              "calibration/baseLowFreqCal",
-                              "calibration/dncFreqCal",
-                              "calibration/thirdOffset"};
-
-    const ToolRun sample = rfsysinfo({"--json", "--root", sampleDevice, "--allow-tools"});
-    ASSERT_EQ(sample.status, 0);
-    const QJsonObject report = parsedJson(sample);
-    for (const QString &key : keys)
-        EXPECT_FALSE(member(report, key).isUndefined()) << key.toStdString();
-    EXPECT_EQ(member(report, "rf/yro/revision").toInt(), 2);
-    EXPECT_EQ(member(report, "dsp/images").toArray().at(2).toObject().value("version").toString(), "2.8.0");
-    EXPECT_EQ(member(report, "cpri/images").toArray().size(), 2);
-
-    // The test's own device is empty: the board description's failure lines must stay off the report.
-    const ToolRun empty = rfsysinfo({"--json"});
-    ASSERT_EQ(empty.status, 0);
-    const QJsonObject emptyReport = parsedJson(empty);
-    for (const QString &key : keys)
-        EXPECT_FALSE(member(emptyReport, key).isUndefined()) << key.toStdString();
-    EXPECT_FALSE(member(emptyReport, "fpga/boardDescriptionLoaded").toBool());
-    EXPECT_EQ(member(emptyReport, "identity/model").toString(), "KV720");
-}
-
-TEST_F(RfsysinfoTest, SanitizeLeavesNoSerialAnywhere)
-{
-    for (const QStringList &format : {QStringList(), QStringList{"--json"}}) {
-        const ToolRun run = rfsysinfo(format + QStringList{"--sanitize", "--root", sampleDevice, "--allow-tools"});
-        ASSERT_EQ(run.status, 0);
-        for (const QString &serial : sampleSerials)
-            EXPECT_FALSE(run.out.contains(serial)) << serial.toStdString() << " in\n" << run.out.toStdString();
-        EXPECT_TRUE(run.out.contains("<serial>"));
-        EXPECT_TRUE(run.out.contains("KV721")) << "the model is no serial";
-    }
-    // A serial inside other answers goes too; markers that a serial field may hold stay.
-    writeDeviceFile("/storage/tree/tmp/SystemInventoryInfo.info",
-                    "TOP_ProductSerialNumber=S-977\nDPB_HardwareSetName=set of S-977\nDPB_SerialNumber=\n");
-    writeDeviceFile("/storage/tree/Dsp/name.txt", "1\nimage-S-977.bin\n");
-    const ToolRun tree = rfsysinfo({"--sanitize", "--json", "--root", "/storage/tree"});
-    EXPECT_FALSE(tree.out.contains("S-977")) << tree.out.toStdString();
-    EXPECT_TRUE(tree.out.contains("image-<serial>.bin"));
-    EXPECT_EQ(member(parsedJson(tree), "calibration/flatness").toString(), "NONE/NONE/NONE");
+    // The test's own device is empty: the library complains about the board description.
+    const QStringList arguments = {"--json", "--section", "identity", "--section", "fpga"};
+    const ToolRun quiet = rfsysinfo(arguments);
+    ASSERT_EQ(quiet.status, 0);
+    EXPECT_EQ(quiet.err, "");
+    const QJsonObject report = parsedJson(quiet);
+    EXPECT_EQ(report.value("tool").toString(), "rfsysinfo");
+    EXPECT_EQ(report.value("version").toString(), RFSI_TEST_PACKAGE_VERSION);
+    EXPECT_TRUE(report.value("deviceTree").isNull());
+    EXPECT_EQ(report.value("sanitized"), false);
+    const ToolRun verbose = rfsysinfo(arguments + QStringList{"--verbose"});
+    EXPECT_TRUE(verbose.err.contains("File open fail!! /bin/DpbJsonInfo.json")) << verbose.err.toStdString();
+    EXPECT_TRUE(verbose.err.contains(R"("/bin/getSicutil" ("-r", "-sol", "5", "ProductName"))"));
+    EXPECT_EQ(verbose.out, quiet.out);
 }
 
 TEST_F(RfsysinfoTest, SectionsSelectWhatIsReported)
 {
-    const ToolRun json = rfsysinfo({"--json", "--section", "calibration", "--section", "rf"});
-    ASSERT_EQ(json.status, 0);
-    QStringList keys = parsedJson(json).keys();
+    QStringList keys = parsedJson(rfsysinfo({"--json", "--section", "calibration", "--section", "rf"})).keys();
     keys.sort();
     EXPECT_EQ(keys, QStringList({"calibration", "deviceTree", "rf", "sanitized", "tool", "version"}));
-
     const ToolRun text = rfsysinfo({"--section", "temperature"});
     EXPECT_TRUE(text.out.contains("\nTemperature\n"));
     EXPECT_FALSE(text.out.contains("Identity"));
 }
 
-TEST_F(RfsysinfoTest, CopiedTreeToolsRunOnlyWhenAllowedAndNeverTheMachinesOwn)
+TEST_F(RfsysinfoTest, TheMachinesToolsNeverAnswerForATreeOrACapture)
 {
-    const ToolRun withoutTools = rfsysinfo({"--json", "--section", "identity", "--root", sampleDevice});
-    const QJsonObject identity = parsedJson(withoutTools).value("identity").toObject();
-    EXPECT_EQ(identity.value("model").toString(), "KV720");
-    EXPECT_EQ(identity.value("serialNumber").toString(), "SERIALNOTSET");
-    EXPECT_FALSE(identity.value("identityToolsRun").toBool());
-    EXPECT_TRUE(fs::exists(RFSI_TEST_SOURCE_DIR "/examples/device/bin/getSicutil")) << "the tree must stay as it is";
-
-    // A tree without tools, on a machine that has one: the machine's tool must not answer for the tree.
-    writeDeviceFile("/bin/getSicutil", "#!/bin/sh\necho MACHINE\n", 0755);
     writeDeviceFile("/storage/tree/storage/RFHW_Revision.info", "RF_REVISION=1/2/3\n");
-    const ToolRun treeWithoutTools =
-        rfsysinfo({"--section", "identity", "--section", "rf", "--root", "/storage/tree", "--allow-tools"});
-    EXPECT_FALSE(treeWithoutTools.out.contains("MACHINE")) << treeWithoutTools.out.toStdString();
-    EXPECT_TRUE(treeWithoutTools.out.contains("1/2/3"));
-    EXPECT_EQ(rfsysinfo({"--section", "identity"}).out.contains("MACHINE"), true) << "without --root it is the device";
+    captureOf(sampleWithTools);
+    writeDeviceFile("/bin/getSicutil", "#!/bin/sh\necho MACHINE\n", 0755);
+    for (const QStringList &source :
+         {QStringList{"--root", "/storage/tree", "--allow-tools"}, sampleWithTools, QStringList{"--root", capturePath}})
+        EXPECT_FALSE(rfsysinfo(QStringList{"--section", "identity"} + source).out.contains("MACHINE"))
+            << source[1].toStdString();
+    EXPECT_TRUE(rfsysinfo({"--section", "identity"}).out.contains("MACHINE")) << "without --root it is the device";
+    EXPECT_TRUE(fs::exists(sampleDevice.toStdString() + "/bin/getSicutil")) << "a tree must stay as it is";
+}
+
+TEST_F(RfsysinfoTest, ACaptureOfThisInstrumentReplaysItsReport)
+{
+    installSampleDevice(); // the test's own device is the instrument here
+    captureOf({});
+    QJsonObject replayed = parsedJson(rfsysinfo({"--json", "--root", capturePath}));
+    QJsonObject device = parsedJson(rfsysinfo({"--json"}));
+    EXPECT_EQ(replayed.take("deviceTree"), capturePath);
+    EXPECT_TRUE(device.take("deviceTree").isNull());
+    EXPECT_EQ(replayed, device);
+}
+
+TEST_F(RfsysinfoTest, ASanitizedCaptureHoldsNoSerialAndNoProgram)
+{
+    captureOf(sampleWithTools + QStringList{"--sanitize"});
+    const QByteArray unpacked = unpackedCapture();
+    ASSERT_GT(unpacked.size(), 10000);
+    for (const QString &serial : sampleSerials)
+        EXPECT_FALSE(unpacked.contains(serial.toUtf8())) << serial.toStdString();
+    EXPECT_FALSE(unpacked.contains("#!/bin/sh")) << "an identity tool was copied";
+}
+
+TEST_F(RfsysinfoTest, CapturesOfAnUnchangedDeviceDifferOnlyInTheManifestsTime)
+{
+    captureOf(sampleWithTools, "1700000000");
+    const QByteArray first = unpackedCapture();
+    captureOf(sampleWithTools, "1700000000");
+    EXPECT_EQ(unpackedCapture(), first) << "same device, same time: the same bytes";
+    QJsonObject early, late;
+    const QStringList earlyEntries = entriesOf(capturePath, early);
+    captureOf(sampleWithTools, "1800000000");
+    const QStringList lateEntries = entriesOf(capturePath, late);
+    ASSERT_GT(earlyEntries.size(), 20);
+    EXPECT_EQ(lateEntries.mid(1), earlyEntries.mid(1)) << "only the manifest differs";
+    EXPECT_TRUE(earlyEntries.front().startsWith("capture.json 100644 0:0 1700000000 "));
+    QStringList sorted = earlyEntries.mid(1);
+    sorted.sort();
+    EXPECT_EQ(sorted, earlyEntries.mid(1));
+    EXPECT_EQ(earlyEntries.filter(" 100644 0:0 ").size(), earlyEntries.size()) << "owner root, mode 0644";
+    EXPECT_EQ(early.take("captured"), "2023-11-14T22:13:20Z");
+    late.remove("captured");
+    EXPECT_EQ(late, early);
 }
 
 TEST_F(RfsysinfoTest, MisuseAndUnreadableTreesExitWithOneLineReasons)
@@ -176,15 +198,4 @@ TEST_F(RfsysinfoTest, MisuseAndUnreadableTreesExitWithOneLineReasons)
         EXPECT_EQ(run.out, "");
         EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.count('\n') == 1) << run.err.toStdString();
     }
-}
-
-TEST_F(RfsysinfoTest, VerboseShowsTheLibrarysOwnMessagesOnStandardError)
-{
-    const QStringList arguments = {"--section", "identity", "--section", "fpga"};
-    const ToolRun quiet = rfsysinfo(arguments);
-    EXPECT_EQ(quiet.err, "");
-    const ToolRun verbose = rfsysinfo(arguments + QStringList{"--verbose"});
-    EXPECT_TRUE(verbose.err.contains("File open fail!! /bin/DpbJsonInfo.json")) << verbose.err.toStdString();
-    EXPECT_TRUE(verbose.err.contains(R"("/bin/getSicutil" ("-r", "-sol", "5", "ProductName"))"));
-    EXPECT_EQ(verbose.out, quiet.out);
 }

@@ -1,5 +1,5 @@
-// What a long-running caller relies on: no resource grows with use, the single instance is safe to
-// reach from many threads, and the library never writes to the device.
+// What a long-running caller relies on: no resource grows with use or with hostile content, the single
+// instance is safe to reach from many threads, and the library never writes to the device.
 #include "DeviceRoot.h"
 #include "DeviceTest.h"
 #include "QueryRound.h"
@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <numeric>
@@ -194,4 +195,37 @@ TEST_F(RobustnessTest, ReadOnlyDeviceAnswersAlikeAndNothingIsEverWritten)
         rfSystemInfo::updatedSystemInfo = false;
         EXPECT_EQ(askEveryQuery(info), writable);
     });
+}
+
+TEST_F(RobustnessTest, HostileContentIsReadWithinTheFilesSize)
+{
+    const std::pair<std::string, std::function<QString(rfSystemInfo &)>> sources[] = {
+        {"/tmp/SystemInventoryInfo.info",
+         [](rfSystemInfo &info) { return QString::fromStdString(info.getDpbRfSysInfoFromFile(3, true)); }},
+        {"/storage/RFHW_Revision.info", [](rfSystemInfo &info) { return info.checkRFModuleRevision(); }},
+        {"/bin/DpbJsonInfo.json",
+         [](rfSystemInfo &info) { return info.getFpgaVersionrfSystemInfo("FPGA_BANK_0_VER"); }},
+        {"/Dsp/name.txt", [](rfSystemInfo &info) { return info.checkDspString(0); }},
+        {"/DspCpri/version.txt", [](rfSystemInfo &info) { return info.checkCpriDspVersion(0); }},
+        {"/bin/basic_freq_cal.csv", [](rfSystemInfo &info) { return info.checkBasicFreqCalFile(); }},
+        {"/sys/class/thermal/thermal_zone3/temp", [](rfSystemInfo &info) { return info.checkSystemTemperature(); }},
+        {"/bin/getSicutil", [](rfSystemInfo &info) { return info.getSystemModel(); }},
+    };
+    std::string garbage(65536, '\0');
+    std::ifstream("/dev/urandom").read(garbage.data(), static_cast<std::streamsize>(garbage.size()));
+    const std::string contents[] = {
+        garbage,
+        "3\r" + std::string("A\rB\rC\r"),             // CR-only line ends: one long line
+        "\xff\xfe\xc3(\xed\xa0\x80\n\x80\x81\n",      // invalid UTF-8
+        std::string(8 << 20, 'x') + "\n",             // one line of 8 MiB
+        std::string("2\0\0\nA\0B\n", 8) + "\r\n\r\n", // NUL bytes and CRLF
+    };
+    for (const auto &[path, query] : sources) {
+        for (const std::string &content : contents) {
+            SCOPED_TRACE(path + " holding " + std::to_string(content.size()) + " bytes");
+            writeDeviceFile(path, content, 0755);
+            rfSystemInfo info;
+            EXPECT_LE(query(info).toUtf8().size(), static_cast<int>(content.size()) + 64);
+        }
+    }
 }

@@ -1,0 +1,202 @@
+// The command runner with real child programs: arguments, the debug line, what a tool inherits, its
+// whole output, the time-out, process groups, and the order of the identity tools. (How their output
+// is simplified is a device case: tests/devices/identity-output-*.)
+#include "DeviceRoot.h"
+#include "DeviceTest.h"
+#include "rfSystem_Info.h"
+
+#include <QElapsedTimer>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+using namespace rfsitest;
+namespace fs = std::filesystem;
+
+namespace {
+
+QStringList debugLines;
+void collectDebugLine(QtMsgType, const QMessageLogContext &, const QString &message)
+{
+    debugLines << message;
+}
+
+// A process is gone when it no longer exists or waits only to be reaped. A killed process takes a
+// moment to go, so this waits up to a second.
+bool running(const std::string &pidFile)
+{
+    pid_t pid = 0;
+    std::ifstream(pidFile) >> pid;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string pidField, name, state;
+        if (!(stat >> pidField >> name >> state) || state == "Z")
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+qint64 millisecondsOf(const std::function<void()> &call)
+{
+    QElapsedTimer timer;
+    timer.start();
+    call();
+    return timer.elapsed();
+}
+
+} // namespace
+
+class CommandRunnerTest : public DeviceTest
+{
+protected:
+    rfSystemInfo &info = *rfSystemInfo::param();
+};
+
+TEST_F(CommandRunnerTest, SicutilFamilyGetsItsOptionsAndArgumentsArePassedLiterally)
+{
+    const std::pair<const char *, QString> cases[] = {
+        {"/storage/opt/myicutil", "<-r><-sol><5><$(touch /tmp/injected) *>"},
+        {"/bin/echoargs", "<$(touch /tmp/injected) *>"},
+        {"/bin/ICUTIL", "<$(touch /tmp/injected) *>"}, // the test is case-sensitive
+    };
+    for (const auto &[program, expected] : cases) {
+        installTool(program, "printf '<%s>' \"$@\"");
+        EXPECT_EQ(info.executeCmd(program, "$(touch /tmp/injected) *"), expected) << program;
+    }
+    EXPECT_FALSE(fs::exists("/tmp/injected")) << "the argument went through a shell";
+}
+
+TEST_F(CommandRunnerTest, EachRunWritesOneDebugLine)
+{
+    debugLines.clear();
+    const QtMessageHandler previous = qInstallMessageHandler(collectDebugLine);
+    info.executeCmd("/bin/missing/sicutil", "ProductName");
+    info.executeCmd("/bin/cat", "a b");
+    qInstallMessageHandler(previous);
+    EXPECT_EQ(debugLines,
+              QStringList({R"("/bin/missing/sicutil" ("-r", "-sol", "5", "ProductName"))", R"("/bin/cat" ("a b"))"}));
+}
+
+TEST_F(CommandRunnerTest, ToolGetsTheCallersEnvironmentAndDirectoryButNothingElseOfIt)
+{
+    installTool("/bin/tool", R"sh(read -r pid name state parent group session rest < /proc/$$/stat
+[ "$group $session" = "$$ $$" ] && echo own-session
+echo "$0"; readlink /proc/$$/fd/0 /proc/$$/fd/2
+[ -e /proc/$$/fd/$1 ] && echo "descriptor $1 leaked"
+grep -E '^SigIgn' /proc/$$/status
+echo "$RFSI_CALLER_MARK $(pwd)")sh");
+    // The shell clears its signal mask when it starts; awk shows the one it was given.
+    writeDeviceFile("/bin/mask",
+                    "#!/usr/bin/awk -f\nBEGIN { while ((getline line < \"/proc/self/status\") > 0) "
+                    "if (line ~ /^SigBlk/) print line }\n",
+                    0755);
+    // What the caller holds: a descriptor opened without close-on-exec, a blocked and an ignored
+    // signal, an environment variable and a working directory of its own.
+    const int descriptor = ::open("/dev/null", O_RDONLY);
+    sigset_t blocked, previousMask;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    ::pthread_sigmask(SIG_BLOCK, &blocked, &previousMask);
+    struct sigaction ignore = {}, previousAction = {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGTERM, &ignore, &previousAction);
+    ::setenv("RFSI_CALLER_MARK", "mark", 1);
+    const fs::path previousDirectory = fs::current_path();
+    fs::current_path("/storage");
+
+    // A bare name is searched in PATH.
+    const QString answer = info.executeCmd("tool", std::to_string(descriptor)) + " " + info.executeCmd("/bin/mask", "");
+
+    fs::current_path(previousDirectory);
+    ::unsetenv("RFSI_CALLER_MARK");
+    ::sigaction(SIGTERM, &previousAction, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
+    ::close(descriptor);
+    EXPECT_EQ(
+        answer.toStdString(),
+        "own-session /bin/tool /dev/null /dev/null SigIgn: 0000000000000000 mark /storage SigBlk: 0000000000000000");
+}
+
+TEST_F(CommandRunnerTest, OutputHasNoLimitButTheTimeOutAndStandardErrorIsNeverKept)
+{
+    // 500,000 lines of 99 digits: 50 MB that come back whole, in order, each line end one space.
+    installTool("/bin/tool", "seq -f '%099g' 1 500000");
+    const QString answer = info.executeCmd("/bin/tool", "x");
+    ASSERT_EQ(answer.size(), 49'999'999);
+    int misplaced = 0;
+    for (int at = 99; at < answer.size(); at += 100)
+        misplaced += answer[at] != ' ';
+    EXPECT_EQ(misplaced, 0);
+    EXPECT_EQ(answer.count(' '), 499'999);
+    for (int line : {1, 2, 250000, 500000})
+        EXPECT_EQ(answer.mid((line - 1) * 100, 99), QString::number(line).rightJustified(99, QLatin1Char('0'))) << line;
+
+    installTool("/bin/tool", "head -c 300000000 /dev/zero >&2; echo KV7");
+    inFreshProcess([] {
+        rusage before{}, after{};
+        ::getrusage(RUSAGE_SELF, &before);
+        EXPECT_EQ(rfSystemInfo::param()->executeCmd("/bin/tool", "x"), "KV7");
+        ::getrusage(RUSAGE_SELF, &after);
+        EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "kilobytes of peak memory for 300 MB on stderr";
+    });
+}
+
+TEST_F(CommandRunnerTest, MissingProgramAnswersEmptyWithoutWaiting)
+{
+    EXPECT_LT(millisecondsOf([&] { EXPECT_EQ(info.executeCmd("/bin/no-such-tool", "x"), ""); }), 2000);
+}
+
+TEST_F(CommandRunnerTest, ToolsThatMisbehaveQuicklyLeaveNothingBehind)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"starts a child that keeps its output open", "sleep 60 & echo $! > /tmp/child.pid; echo KV7"},
+        {"starts a child of its own session", "setsid sleep 5 & echo KV7"},
+        {"is killed by a signal", "echo KV7; kill -9 $$; echo never"},
+    };
+    for (const auto &[description, script] : cases) {
+        SCOPED_TRACE(description);
+        deviceroot::reset();
+        installTool("/bin/tool", script);
+        EXPECT_LT(millisecondsOf([&] { EXPECT_EQ(info.executeCmd("/bin/tool", "x"), "KV7"); }), 3000);
+        if (fs::exists("/tmp/child.pid")) {
+            EXPECT_FALSE(running("/tmp/child.pid"));
+        }
+    }
+}
+
+TEST_F(CommandRunnerTest, ToolsThatHangAreKilledAfterTheTimeOut)
+{
+    // Both cases wait out the 8000 ms bound, so they run side by side.
+    installTool("/bin/getSicutil", "printf 'KV7-partial\\n'; echo $$ > /tmp/first.pid; exec sleep 60");
+    installTool("/usr/bin/sicutil", "touch /tmp/second.ran");
+    installTool("/bin/silent", "exec >&-; echo $$ > /tmp/silent.pid; exec sleep 60");
+    QString model, silent;
+    qint64 modelMs = 0, silentMs = 0;
+    std::thread first([&] { modelMs = millisecondsOf([&] { model = info.getSystemModel(); }); });
+    std::thread second([&] { silentMs = millisecondsOf([&] { silent = info.executeCmd("/bin/silent", "x"); }); });
+    first.join();
+    second.join();
+    EXPECT_EQ(model, "KV7-partial");
+    EXPECT_FALSE(fs::exists("/tmp/second.ran")) << "an answer, even from a hanging tool, ends the search";
+    EXPECT_EQ(silent, "");
+    for (qint64 ms : {modelMs, silentMs}) {
+        EXPECT_GE(ms, 7500);
+        EXPECT_LT(ms, 10000);
+    }
+    EXPECT_FALSE(running("/tmp/first.pid"));
+    EXPECT_FALSE(running("/tmp/silent.pid"));
+}
+
+TEST_F(CommandRunnerTest, CallersChooseTheFallbackOfTheIdentityQueries)
+{
+    EXPECT_TRUE(info.getSystemModelSystemCmd("").isEmpty());
+    EXPECT_EQ(info.getSystemSerialSystemCmd("custom"), "custom");
+}
