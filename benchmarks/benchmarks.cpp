@@ -309,12 +309,14 @@ ToolCost runReportTool(const std::vector<const char *> &arguments)
     return cost;
 }
 
-// The report tool on the sample device: a plain report, a capture of the device, and a report
-// replayed from that capture; median time and peak memory of 20 runs each.
+// The report tool on the sample device: a plain report, the check, the metrics, a capture of the
+// device, and a report replayed from that capture; median time and peak memory of 20 runs each.
 std::string measureCaptureAndReplay()
 {
     const std::pair<const char *, std::vector<const char *>> runs[] = {
         {"report (--json)", {"--json"}},
+        {"check (--check)", {"--check"}},
+        {"metrics (--metrics)", {"--metrics"}},
         {"capture (--capture)", {"--capture", "/tmp/benchmark-capture.tgz"}},
         {"replayed report (--json --root CAPTURE)", {"--json", "--root", "/tmp/benchmark-capture.tgz"}},
     };

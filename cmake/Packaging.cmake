@@ -12,6 +12,12 @@ install(TARGETS rfSystemInfo EXPORT rfSystemInfoTargets
 install(TARGETS rfsi_platform EXPORT rfSystemInfoTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_SKIP)
 install(TARGETS rfsysinfo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+# The fleet pieces: a timer that writes the metrics for node_exporter's textfile collector, and
+# alerting rules (with their promtool unit tests) to start from.
+install(FILES tools/rfsysinfo/systemd/rfsysinfo-metrics.service tools/rfsysinfo/systemd/rfsysinfo-metrics.timer
+    DESTINATION lib/systemd/system COMPONENT tool)
+install(FILES examples/prometheus/rfsysinfo-rules.yml examples/prometheus/rfsysinfo-rules-test.yml
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/rfsysinfo/prometheus COMPONENT tool)
 
 install(EXPORT rfSystemInfoTargets NAMESPACE rfSystemInfo:: DESTINATION ${RFSI_CMAKE_DIR} COMPONENT development)
 configure_package_config_file(cmake/rfSystemInfoConfig.cmake.in
@@ -50,7 +56,7 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_NAME rfsysinfo)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "RF instrument system information library (and service stand-ins)")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "RF instrument system information library: header, CMake and pkg-config files")
-set(CPACK_COMPONENT_TOOL_DESCRIPTION "rfsysinfo: reports the RF instrument's system information as text or JSON")
+set(CPACK_COMPONENT_TOOL_DESCRIPTION "rfsysinfo: reports the RF instrument's system information as text, JSON, a check or Prometheus metrics")
 include(CPack)
 cpack_add_component(runtime)
 cpack_add_component(development DEPENDS runtime)

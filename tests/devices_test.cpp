@@ -121,9 +121,15 @@ TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACap
             ASSERT_EQ(rfsysinfo(QStringList{"--capture", capture} + tree).status, 0);
             sources << tree << QStringList{"--root", capture};
         }
+        const QJsonObject expectedCheck = jsonFile(folder.path() / "expected-check.json");
         for (const QStringList &source : sources) {
             QStringList differences;
             listDifferences(expected, sectionsOf(rfsysinfo(QStringList{"--json"} + source)), {}, differences);
+            if (!expectedCheck.isEmpty()) {
+                const ToolRun check = rfsysinfo(QStringList{"--check", "--json"} + source);
+                listDifferences(expectedCheck, parsedJson(check).value("check"), "/check", differences);
+                EXPECT_EQ(check.status, expectedCheck.value("verdict") == "pass" ? 0 : 1);
+            }
             EXPECT_TRUE(differences.isEmpty()) << source.join(' ').toStdString() << ":\n"
                                                << differences.join('\n').toStdString();
         }

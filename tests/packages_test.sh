@@ -22,6 +22,8 @@ contains librfsysteminfo-dev "./usr/include/rfSystemInfo/rfSystem_Info.h"
 contains librfsysteminfo-dev "./usr/lib/cmake/rfSystemInfo/rfSystemInfoConfigVersion.cmake"
 contains librfsysteminfo-dev "./usr/lib/pkgconfig/rfSystemInfo.pc"
 contains rfsysinfo "./usr/bin/rfsysinfo"
+contains rfsysinfo "./usr/lib/systemd/system/rfsysinfo-metrics.timer"
+contains rfsysinfo "./usr/share/doc/rfsysinfo/prometheus/rfsysinfo-rules.yml"
 case "$(dpkg-deb --field "$(ls "$out"/rfsysinfo_*.deb)" Depends)" in
 *librfsysteminfo1*) ;;
 *) echo "FAIL: rfsysinfo does not depend on the library package" >&2; exit 1 ;;

@@ -187,6 +187,39 @@ TEST_F(RfsysinfoTest, CapturesOfAnUnchangedDeviceDifferOnlyInTheManifestsTime)
     EXPECT_EQ(late, early);
 }
 
+TEST_F(RfsysinfoTest, CheckExitStatusFollowsTheVerdictAndItsOptions)
+{
+    // The sample device passes; its dated calibration files are from 2025 (what each finding says
+    // is a device case, expected-check.json).
+    const std::pair<QStringList, int> cases[] = {
+        {{}, 0},
+        {{"--strict"}, 0},
+        {{"--max-calibration-age", "36500"}, 0},
+        {{"--max-calibration-age", "1"}, 0}, // warnings only
+        {{"--max-calibration-age", "1", "--strict"}, 1},
+    };
+    for (const auto &[options, status] : cases) {
+        const ToolRun run = rfsysinfo(QStringList{"--check"} + options + sampleWithTools);
+        EXPECT_EQ(run.status, status) << options.join(' ').toStdString() << "\n" << run.out.toStdString();
+        EXPECT_EQ(run.out.count("calibration.old"), options.contains("1") ? 1 : 0) << run.out.toStdString();
+        EXPECT_TRUE(run.out.endsWith(status ? "(strict: warnings fail)\n" : "\n"));
+    }
+    EXPECT_EQ(rfsysinfo({"--check"}).status, 1) << "the test's own device is empty";
+}
+
+TEST_F(RfsysinfoTest, OutputIsWrittenWholeOrNotAtAll)
+{
+    fs::create_directories("/storage/out");
+    for (const QStringList &format : {QStringList{"--metrics"}, QStringList{"--json"}, QStringList{"--check"}}) {
+        const ToolRun run = rfsysinfo(format + QStringList{"--output", "/storage/out/report"} + sampleWithTools);
+        EXPECT_EQ(run.out, "");
+        QFile written("/storage/out/report");
+        ASSERT_TRUE(written.open(QIODevice::ReadOnly));
+        EXPECT_EQ(QString::fromUtf8(written.readAll()), rfsysinfo(format + sampleWithTools).out);
+    }
+    EXPECT_EQ(fs::directory_iterator("/storage/out")->path(), "/storage/out/report") << "a temporary file was left";
+}
+
 TEST_F(RfsysinfoTest, MisuseAndUnreadableTreesExitWithOneLineReasons)
 {
     const std::pair<QStringList, int> cases[] = {
@@ -197,6 +230,11 @@ TEST_F(RfsysinfoTest, MisuseAndUnreadableTreesExitWithOneLineReasons)
         {{"--root", "/storage/no-such-tree"}, 3},
         {{"--capture", "/storage/c.tgz", "--json"}, 2},
         {{"--capture", "/storage/no-such-folder/c.tgz"}, 1},
+        {{"--metrics", "--json"}, 2},
+        {{"--check", "--section", "rf"}, 2},
+        {{"--strict"}, 2},
+        {{"--check", "--max-calibration-age", "soon"}, 2},
+        {{"--metrics", "--output", "/storage/no-such-folder/x.prom"}, 1},
     };
     for (const auto &[arguments, status] : cases) {
         const ToolRun run = rfsysinfo(arguments);

@@ -3,7 +3,9 @@
 #include "CaptureArchive.h"
 #include "DeviceRoot.h"
 #include "DeviceState.h"
+#include "MetricsOutput.h"
 #include "OutputFile.h"
+#include "ReportCheck.h"
 #include "ReportOutput.h"
 #include "SystemReport.h"
 #include "devicePaths.h"
@@ -41,7 +43,12 @@ struct Settings
     bool allowTools = false;
     QString deviceTree; // a folder, or a capture archive
     QString capture;
+    QString output; // empty: standard output
     QStringList sections;
+    bool check = false;
+    bool metrics = false;
+    bool strict = false;
+    int maxCalibrationAgeDays = -1;
 };
 
 int fail(int status, const QString &message)
@@ -71,9 +78,17 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
         "FILE");
     const QCommandLineOption sanitizeOption("sanitize", "Replace every serial number by " + serialPlaceholder + ".");
     const QCommandLineOption sectionOption("section", "Report only this section (repeatable).", "NAME");
+    const QCommandLineOption checkOption("check",
+                                         "Judge the report: findings and a verdict (exit status 1 on an error).");
+    const QCommandLineOption strictOption("strict", "With --check: warnings fail too.");
+    const QCommandLineOption ageOption("max-calibration-age",
+                                       "With --check: warn about dated calibration older than DAYS days.", "DAYS");
+    const QCommandLineOption metricsOption("metrics", "Print the report in Prometheus' text exposition format.");
+    const QCommandLineOption outputOption("output", "Write the report to FILE, atomically, instead of standard output.",
+                                          "FILE");
     const QCommandLineOption verboseOption("verbose", "Show the library's own messages on standard error.");
-    parser.addOptions(
-        {jsonOption, rootOption, allowToolsOption, captureOption, sanitizeOption, sectionOption, verboseOption});
+    parser.addOptions({jsonOption, rootOption, allowToolsOption, captureOption, sanitizeOption, sectionOption,
+                       checkOption, strictOption, ageOption, metricsOption, outputOption, verboseOption});
 
     if (!parser.parse(app.arguments())) {
         error = parser.errorText();
@@ -94,14 +109,38 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
     settings.deviceTree = parser.value(rootOption);
     settings.capture = parser.value(captureOption);
     settings.sections = parser.values(sectionOption);
+    settings.check = parser.isSet(checkOption);
+    settings.metrics = parser.isSet(metricsOption);
+    settings.strict = parser.isSet(strictOption);
+    settings.output = parser.value(outputOption);
+    bool isNumber = true;
+    if (parser.isSet(ageOption))
+        settings.maxCalibrationAgeDays = parser.value(ageOption).toInt(&isNumber);
+    if (!isNumber || (parser.isSet(ageOption) && settings.maxCalibrationAgeDays < 0)) {
+        error = "--max-calibration-age takes a number of days, not '" + parser.value(ageOption) + "'";
+        return false;
+    }
     for (const QString &section : settings.sections) {
         if (!reportSectionNames().contains(section)) {
             error = "unknown section '" + section + "' (sections: " + reportSectionNames().join(", ") + ")";
             return false;
         }
     }
-    if (parser.isSet(captureOption) && (settings.json || !settings.sections.isEmpty())) {
-        error = "--capture takes the whole device and prints no report: it goes with neither --json nor --section";
+    if (parser.isSet(captureOption) && (settings.json || !settings.sections.isEmpty() || settings.check ||
+                                        settings.metrics || parser.isSet(outputOption))) {
+        error = "--capture takes the whole device and prints no report: it goes with no other output option";
+        return false;
+    }
+    if ((settings.check || settings.metrics) && !settings.sections.isEmpty()) {
+        error = "--check and --metrics take the whole report: they do not go with --section";
+        return false;
+    }
+    if (settings.metrics && (settings.check || settings.json)) {
+        error = "--metrics is a format of its own: it goes with neither --check nor --json";
+        return false;
+    }
+    if ((settings.strict || parser.isSet(ageOption)) && !settings.check) {
+        error = "--strict and --max-calibration-age go with --check";
         return false;
     }
     return true;
@@ -259,12 +298,14 @@ int main(int argc, char **argv)
     const int reportFd = separateReportFromLibraryOutput(settings.verbose);
     if (reportFd < 0)
         return fail(exitUsage, QStringLiteral("cannot set up the output: %1").arg(std::strerror(errno)));
-    // Opened here: inside a device root the capture's folder is out of reach.
-    std::unique_ptr<OutputFile> captureFile;
-    if (!settings.capture.isEmpty()) {
-        captureFile = std::make_unique<OutputFile>(settings.capture);
-        if (!captureFile->openError().isEmpty())
-            return fail(exitFailure, captureFile->openError());
+    // Opened here: inside a device root the output's folder is out of reach.
+    std::unique_ptr<OutputFile> captureFile, outputFile;
+    for (auto [path, file] : {std::pair{&settings.capture, &captureFile}, std::pair{&settings.output, &outputFile}}) {
+        if (path->isEmpty())
+            continue;
+        *file = std::make_unique<OutputFile>(*path);
+        if (!(*file)->openError().isEmpty())
+            return fail(exitFailure, (*file)->openError());
     }
 
     // The identity tools answer on this instrument, for a tree only when allowed, and for a capture
@@ -292,14 +333,32 @@ int main(int argc, char **argv)
     ReportOptions options;
     options.sections = settings.sections;
     options.identityToolsRun = toolsRun;
+    // One report, collected once; every format renders it. The check judges it before serial numbers
+    // are replaced, since a replaced serial hides a fallback.
     QVector<ReportSection> report = collectReport(*rfSystemInfo::param(), options);
+    CheckOptions checkOptions;
+    checkOptions.maxCalibrationAgeDays = settings.maxCalibrationAgeDays;
+    checkOptions.strict = settings.strict;
+    const QVector<Finding> findings =
+        settings.check || settings.metrics ? checkReport(report, checkOptions) : QVector<Finding>();
     if (settings.sanitize)
         sanitizeReport(report);
 
     const ReportHeader header{RFSI_VERSION, settings.deviceTree, replay, settings.sanitize};
-    const QByteArray output = settings.json ? jsonReport(header, report) : textReport(header, report);
+    QByteArray output;
+    if (settings.metrics)
+        output = metricsReport(report, findings, settings.strict);
+    else if (settings.check)
+        output =
+            settings.json ? checkJson(header, findings, settings.strict) : checkText(header, findings, settings.strict);
+    else
+        output = settings.json ? jsonReport(header, report) : textReport(header, report);
     std::fflush(stdout); // the library's own lines, before the report is complete
-    if (!writeReport(reportFd, output))
+    if (outputFile) {
+        if (!outputFile->write(output, error))
+            return fail(exitFailure, error);
+    } else if (!writeReport(reportFd, output)) {
         return fail(exitFailure, QStringLiteral("cannot write the report: %1").arg(std::strerror(errno)));
-    return exitReport;
+    }
+    return settings.check && !checkPasses(findings, settings.strict) ? exitFailure : exitReport;
 }

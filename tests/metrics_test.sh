@@ -1,0 +1,83 @@
+#!/bin/sh
+# The metrics and the fleet pieces as Prometheus' and systemd's own tools take them: promtool checks the
+# sample device's metrics and those of a tree with hostile label text; a node_exporter started here on a
+# free loopback port serves them from its textfile folder without a scrape error, and is stopped; the
+# alerting rules pass promtool's checks and unit tests; the units pass systemd-analyze verify.
+#   metrics_test.sh SOURCE_DIR BUILD_DIR RFSYSINFO
+set -eu
+source_dir=$1
+build_dir=$2
+rfsysinfo=$3
+work=$(mktemp -d "$build_dir/metrics-test.XXXXXX")
+exporter=""
+cleanup() {
+    if [ -n "$exporter" ]; then
+        kill "$exporter" 2>/dev/null || true
+        wait "$exporter" 2>/dev/null || true
+    fi
+    rm -rf "$work"
+}
+trap cleanup EXIT INT TERM
+fail() {
+    echo "FAIL: $*" >&2
+    exit 1
+}
+
+echo "== promtool check metrics: the sample device"
+"$rfsysinfo" --metrics --root "$source_dir/examples/device" --allow-tools >"$work/sample.prom"
+promtool check metrics <"$work/sample.prom" || fail "promtool rejects the sample device's metrics"
+
+echo "== promtool check metrics: quotes, backslashes and line ends in the device's texts"
+mkdir -p "$work/hostile/tmp" "$work/hostile/bin" "$work/hostile/Dsp"
+printf '%s\n' 'DPB_HardwareSetName="quote \" backslash \\ line\nend"' 'DPB_Revision=a\\b' \
+    >"$work/hostile/tmp/SystemInventoryInfo.info"
+printf '%s\n' '{"FPGA_VER":{"FPGA_BANK_0_VER":"x\"y\\z\nw"}}' >"$work/hostile/bin/DpbJsonInfo.json"
+printf '1\n%s\n' 'name "quoted" \ back' >"$work/hostile/Dsp/name.txt"
+"$rfsysinfo" --metrics --root "$work/hostile" >"$work/hostile.prom"
+promtool check metrics <"$work/hostile.prom" || fail "promtool rejects escaped label text"
+grep -qF 'dpb_hardware_set_name="quote \" backslash \\ line\nend"' "$work/hostile.prom" ||
+    fail "the inventory text is not escaped as the format requires"
+grep -qF 'rfsi_dsp_image_info{index="0",name="name \"quoted\" \\ back",version="x\"y\\z\nw"} 1' "$work/hostile.prom" ||
+    fail "the DSP name is not escaped as the format requires"
+[ "$(grep -c '^rfsi_fpga_bank_info{' "$work/hostile.prom")" = 15 ] || fail "a line end broke a sample"
+
+echo "== node_exporter's textfile collector on 127.0.0.1"
+mkdir "$work/textfile"
+"$rfsysinfo" --metrics --output "$work/textfile/rfsysinfo.prom" --root "$source_dir/examples/device" --allow-tools
+cmp -s "$work/textfile/rfsysinfo.prom" "$work/sample.prom" || fail "--output wrote other metrics than standard output"
+[ "$(ls -A "$work/textfile")" = rfsysinfo.prom ] || fail "--output left a temporary file: $(ls -A "$work/textfile")"
+for attempt in 1 2 3 4 5 6 7 8 9 10; do
+    port=$((20000 + $(od -An -N2 -tu2 /dev/urandom) % 40000))
+    prometheus-node-exporter --web.listen-address="127.0.0.1:$port" --collector.disable-defaults \
+        --collector.textfile --collector.textfile.directory="$work/textfile" 2>"$work/exporter.log" &
+    exporter=$!
+    for wait in 1 2 3 4 5 6 7 8 9 10; do
+        curl -sf "http://127.0.0.1:$port/metrics" >"$work/scraped" 2>/dev/null && break 2
+        kill -0 "$exporter" 2>/dev/null || break # the port was taken: try another
+        sleep 0.3
+    done
+    kill "$exporter" 2>/dev/null || true
+    wait "$exporter" 2>/dev/null || true
+    exporter=""
+done
+[ -n "$exporter" ] || fail "node_exporter did not serve: $(cat "$work/exporter.log")"
+grep -q '^node_textfile_scrape_error 0$' "$work/scraped" || fail "node_exporter reports a scrape error"
+for family in $(sed -n 's/^# TYPE \(rfsi_[a-z_]*\) gauge$/\1/p' "$work/sample.prom"); do
+    grep -q "^$family" "$work/scraped" || fail "node_exporter does not serve $family"
+done
+echo "node_exporter on 127.0.0.1:$port serves $(grep -c '^rfsi_' "$work/scraped") rfsi_ samples"
+
+echo "== promtool: the alerting rules"
+promtool check rules "$source_dir/examples/prometheus/rfsysinfo-rules.yml"
+promtool test rules "$source_dir/examples/prometheus/rfsysinfo-rules-test.yml"
+
+echo "== systemd-analyze verify: the units (the service pointed at this build's rfsysinfo)"
+mkdir "$work/units"
+sed "s|/usr/bin/rfsysinfo|$rfsysinfo|" "$source_dir/tools/rfsysinfo/systemd/rfsysinfo-metrics.service" \
+    >"$work/units/rfsysinfo-metrics.service"
+cp "$source_dir/tools/rfsysinfo/systemd/rfsysinfo-metrics.timer" "$work/units/"
+# An unknown key is only a warning for systemd: any word from it fails the test.
+messages=$(systemd-analyze verify --man=no "$work/units/rfsysinfo-metrics.service" \
+    "$work/units/rfsysinfo-metrics.timer" 2>&1) || fail "systemd-analyze verify: $messages"
+[ -z "$messages" ] || fail "systemd-analyze verify: $messages"
+echo "ok"
