@@ -15,7 +15,6 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 using namespace rfsitest;
 namespace fs = std::filesystem;
@@ -98,31 +97,24 @@ echo "$RFSI_CALLER_MARK $(pwd)")sh");
                     "#!/usr/bin/awk -f\nBEGIN { while ((getline line < \"/proc/self/status\") > 0) "
                     "if (line ~ /^SigBlk/) print line }\n",
                     0755);
-    // What the caller holds: a descriptor opened without close-on-exec, a blocked and an ignored
-    // signal, an environment variable and a working directory of its own.
-    const int descriptor = ::open("/dev/null", O_RDONLY);
-    sigset_t blocked, previousMask;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGUSR1);
-    ::pthread_sigmask(SIG_BLOCK, &blocked, &previousMask);
-    struct sigaction ignore = {}, previousAction = {};
-    ignore.sa_handler = SIG_IGN;
-    ::sigaction(SIGTERM, &ignore, &previousAction);
-    ::setenv("RFSI_CALLER_MARK", "mark", 1);
-    const fs::path previousDirectory = fs::current_path();
-    fs::current_path("/storage");
-
-    // A bare name is searched in PATH.
-    const QString answer = info.executeCmd("tool", std::to_string(descriptor)) + " " + info.executeCmd("/bin/mask", "");
-
-    fs::current_path(previousDirectory);
-    ::unsetenv("RFSI_CALLER_MARK");
-    ::sigaction(SIGTERM, &previousAction, nullptr);
-    ::pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
-    ::close(descriptor);
-    EXPECT_EQ(
-        answer.toStdString(),
-        "own-session /bin/tool /dev/null /dev/null SigIgn: 0000000000000000 mark /storage SigBlk: 0000000000000000");
+    inFreshProcess([] {
+        // What the caller holds: a descriptor opened without close-on-exec, a blocked and an ignored
+        // signal, an environment variable and a working directory of its own.
+        const int descriptor = ::open("/dev/null", O_RDONLY);
+        sigset_t blocked;
+        sigemptyset(&blocked);
+        sigaddset(&blocked, SIGUSR1);
+        ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+        ::signal(SIGTERM, SIG_IGN);
+        ::setenv("RFSI_CALLER_MARK", "mark", 1);
+        fs::current_path("/storage");
+        rfSystemInfo &caller = *rfSystemInfo::param();
+        // A bare name is searched in PATH.
+        EXPECT_EQ((caller.executeCmd("tool", std::to_string(descriptor)) + " " + caller.executeCmd("/bin/mask", ""))
+                      .toStdString(),
+                  "own-session /bin/tool /dev/null /dev/null SigIgn: 0000000000000000 mark /storage SigBlk: "
+                  "0000000000000000");
+    });
 }
 
 TEST_F(CommandRunnerTest, OutputHasNoLimitButTheTimeOutAndStandardErrorIsNeverKept)

@@ -6,8 +6,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include <unistd.h>
-
 using namespace rfsitest;
 namespace fs = std::filesystem;
 

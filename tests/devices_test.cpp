@@ -11,10 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 using namespace rfsitest;
 namespace fs = std::filesystem;
@@ -57,16 +54,6 @@ void listDifferences(const QJsonValue &expected, const QJsonValue &actual, const
     }
 }
 
-void makeSocket(const fs::path &path)
-{
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.string().copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << path;
-    ::close(fd);
-}
-
 // The case's tree, copied where the tool can read it (links as links), with the FIFOs, folders and
 // sockets that its "nodes" file lists: git keeps none of them.
 QString preparedTree(const fs::path &caseFolder)
@@ -78,23 +65,18 @@ QString preparedTree(const fs::path &caseFolder)
     for (std::string kind, path; nodes >> kind >> path;) {
         const fs::path node = copy.string() + path;
         fs::create_directories(node.parent_path());
-        if (kind == "fifo")
-            EXPECT_EQ(::mkfifo(node.c_str(), 0644), 0) << node;
-        else if (kind == "socket")
-            makeSocket(node);
-        else
+        if (kind == "folder")
             EXPECT_TRUE(fs::create_directory(node)) << node;
+        else
+            EXPECT_EQ(::mknod(node.c_str(), (kind == "fifo" ? S_IFIFO : S_IFSOCK) | 0644, 0), 0) << node;
     }
     return QString::fromStdString(copy.string());
 }
 
 QStringList argumentsOf(const fs::path &caseFolder)
 {
-    QStringList arguments;
-    std::ifstream file(caseFolder / "arguments");
-    for (std::string argument; file >> argument;)
-        arguments << QString::fromStdString(argument);
-    return arguments;
+    QFile file(QString::fromStdString((caseFolder / "arguments").string()));
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).simplified().split(' ') : QStringList();
 }
 
 } // namespace

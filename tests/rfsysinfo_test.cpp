@@ -12,6 +12,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 
@@ -27,22 +28,11 @@ const QStringList sampleWithTools = {"--root", sampleDevice, "--allow-tools"};
 const QStringList sampleSerials = {"KV721-24-0042", "DPB7-24-03117"};
 const QString capturePath = QStringLiteral("/storage/capture.tgz");
 
-ToolRun captureOf(const QStringList &source, const QString &epoch = {})
+void captureOf(const QStringList &source, const QString &epoch = {})
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    if (!epoch.isEmpty())
-        environment.insert("SOURCE_DATE_EPOCH", epoch);
-    const ToolRun run = rfsysinfo(QStringList{"--capture", capturePath} + source, environment);
-    EXPECT_EQ(run.status, 0) << run.err.toStdString();
-    return run;
-}
-
-QByteArray unpackedCapture()
-{
-    QProcess gzip;
-    gzip.start("gzip", {"-dc", capturePath});
-    gzip.waitForFinished(10000);
-    return gzip.readAllStandardOutput();
+    environment.insert("SOURCE_DATE_EPOCH", epoch); // empty: the time of the capture
+    EXPECT_EQ(rfsysinfo(QStringList{"--capture", capturePath} + source, environment).status, 0);
 }
 
 // A capture's entries, one line each: name, type and mode in octal, owner, time and a hash of the
@@ -106,11 +96,7 @@ TEST_F(RfsysinfoTest, TheLibrarysOwnMessagesStayOffTheReport)
     const ToolRun quiet = rfsysinfo(arguments);
     ASSERT_EQ(quiet.status, 0);
     EXPECT_EQ(quiet.err, "");
-    const QJsonObject report = parsedJson(quiet);
-    EXPECT_EQ(report.value("tool").toString(), "rfsysinfo");
-    EXPECT_EQ(report.value("version").toString(), RFSI_TEST_PACKAGE_VERSION);
-    EXPECT_TRUE(report.value("deviceTree").isNull());
-    EXPECT_EQ(report.value("sanitized"), false);
+    EXPECT_FALSE(parsedJson(quiet).isEmpty());
     const ToolRun verbose = rfsysinfo(arguments + QStringList{"--verbose"});
     EXPECT_TRUE(verbose.err.contains("File open fail!! /bin/DpbJsonInfo.json")) << verbose.err.toStdString();
     EXPECT_TRUE(verbose.err.contains(R"("/bin/getSicutil" ("-r", "-sol", "5", "ProductName"))"));
@@ -119,9 +105,12 @@ TEST_F(RfsysinfoTest, TheLibrarysOwnMessagesStayOffTheReport)
 
 TEST_F(RfsysinfoTest, SectionsSelectWhatIsReported)
 {
-    QStringList keys = parsedJson(rfsysinfo({"--json", "--section", "calibration", "--section", "rf"})).keys();
-    keys.sort();
-    EXPECT_EQ(keys, QStringList({"calibration", "deviceTree", "rf", "sanitized", "tool", "version"}));
+    QJsonObject json = parsedJson(rfsysinfo({"--json", "--section", "calibration", "--section", "rf"}));
+    EXPECT_TRUE(json.take("calibration").isObject() && json.take("rf").isObject());
+    EXPECT_EQ(json, QJsonObject({{"tool", "rfsysinfo"},
+                                 {"version", RFSI_TEST_PACKAGE_VERSION},
+                                 {"deviceTree", QJsonValue()},
+                                 {"sanitized", false}}));
     const ToolRun text = rfsysinfo({"--section", "temperature"});
     EXPECT_TRUE(text.out.contains("\nTemperature\n"));
     EXPECT_FALSE(text.out.contains("Identity"));
@@ -154,7 +143,10 @@ TEST_F(RfsysinfoTest, ACaptureOfThisInstrumentReplaysItsReport)
 TEST_F(RfsysinfoTest, ASanitizedCaptureHoldsNoSerialAndNoProgram)
 {
     captureOf(sampleWithTools + QStringList{"--sanitize"});
-    const QByteArray unpacked = unpackedCapture();
+    QProcess gzip;
+    gzip.start("gzip", {"-dc", capturePath});
+    gzip.waitForFinished(10000);
+    const QByteArray unpacked = gzip.readAllStandardOutput();
     ASSERT_GT(unpacked.size(), 10000);
     for (const QString &serial : sampleSerials)
         EXPECT_FALSE(unpacked.contains(serial.toUtf8())) << serial.toStdString();
@@ -178,9 +170,7 @@ TEST_F(RfsysinfoTest, CapturesOfAnUnchangedDeviceDifferOnlyInTheManifestsTime)
     ASSERT_GT(earlyEntries.size(), 20);
     EXPECT_EQ(lateEntries.mid(1), earlyEntries.mid(1)) << "only the manifest differs";
     EXPECT_TRUE(earlyEntries.front().startsWith("capture.json 100644 0:0 1700000000 "));
-    QStringList sorted = earlyEntries.mid(1);
-    sorted.sort();
-    EXPECT_EQ(sorted, earlyEntries.mid(1));
+    EXPECT_TRUE(std::is_sorted(earlyEntries.begin() + 1, earlyEntries.end())) << "sorted after the manifest";
     EXPECT_EQ(earlyEntries.filter(" 100644 0:0 ").size(), earlyEntries.size()) << "owner root, mode 0644";
     EXPECT_EQ(early.take("captured"), "2023-11-14T22:13:20Z");
     late.remove("captured");

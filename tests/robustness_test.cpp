@@ -5,14 +5,10 @@
 #include "QueryRound.h"
 #include "rfSystem_Info.h"
 
-#include <QCryptographicHash>
-
-#include <condition_variable>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <mutex>
-#include <numeric>
 #include <thread>
 
 #include <malloc.h>
@@ -118,27 +114,19 @@ TEST_F(RobustnessTest, ThirtyTwoThreadsShareOneInstanceWithItsInventoryLoaded)
     installSampleDevice();
     inFreshProcess([] {
         constexpr int threadCount = 32;
-        std::mutex mutex;
-        std::condition_variable start;
-        bool go = false;
+        std::atomic<bool> go{false}; // all threads reach param() at once
         rfSystemInfo *instances[threadCount] = {};
         QString revisions[threadCount];
         std::vector<std::thread> threads;
         for (int i = 0; i < threadCount; ++i) {
             threads.emplace_back([&, i] {
-                {
-                    std::unique_lock<std::mutex> lock(mutex);
-                    start.wait(lock, [&] { return go; });
-                }
+                while (!go.load(std::memory_order_acquire))
+                    std::this_thread::yield();
                 instances[i] = rfSystemInfo::param();
                 revisions[i] = instances[i]->getDPBModuleRevision();
             });
         }
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            go = true;
-        }
-        start.notify_all();
+        go.store(true, std::memory_order_release);
         for (std::thread &thread : threads)
             thread.join();
         for (int i = 0; i < threadCount; ++i) {
@@ -167,17 +155,17 @@ TEST_F(RobustnessTest, QueriesThatShareNoStateRunConcurrently)
     rfSystemInfo reference;
     const QStringList expected = stateless(reference);
     std::vector<std::thread> threads;
-    std::vector<int> mismatches(8, 0);
+    std::atomic<int> mismatches{0};
     for (int t = 0; t < 8; ++t) {
-        threads.emplace_back([&, t] {
+        threads.emplace_back([&] {
             rfSystemInfo own;
             for (int round = 0; round < 50; ++round)
-                mismatches[static_cast<size_t>(t)] += stateless(own) != expected;
+                mismatches += stateless(own) != expected;
         });
     }
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(std::accumulate(mismatches.begin(), mismatches.end(), 0), 0);
+    EXPECT_EQ(mismatches, 0);
 }
 
 TEST_F(RobustnessTest, ReadOnlyDeviceAnswersAlikeAndNothingIsEverWritten)

@@ -5,8 +5,10 @@
 #include "rfSystem_Info.h"
 
 #include <climits>
+#include <filesystem>
 
 using namespace rfsitest;
+namespace fs = std::filesystem;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
@@ -69,22 +71,6 @@ TEST(ObjectTest, InventoryMissingAtFirstConstructionStaysNone)
     });
 }
 
-TEST(ObjectTest, ConstructionFillsTheKeyTablesAndLeavesTheRestEmpty)
-{
-    rfSystemInfo info;
-    const char *const inventoryKeys[] = {"HardwareSetName",    "HardwareSetId",   "Revision",
-                                         "SerialNumber",       "ManufactureDate", "CalibrationDate",
-                                         "MinimumPower",       "CriticalTemp",    "PcieEndpoints",
-                                         "ParentSerialNumber", "ProductName",     "ProductSerialNumber"};
-    for (int i = 0; i < 12; ++i)
-        EXPECT_EQ(info.inventoryKeys[i], inventoryKeys[i]) << i;
-    for (int bank = 0; bank < 30; ++bank)
-        EXPECT_EQ(info.fpgaBankKeys[bank], bank < 15 ? "FPGA_BANK_" + std::to_string(bank) + "_VER" : "") << bank;
-    for (const std::string &name : info.dspNames)
-        EXPECT_EQ(name, "");
-    EXPECT_TRUE(info.dpbJsonDoc.isNull());
-}
-
 TEST_F(StateTest, InventoryLookupsAnswerNoneOutsideEachBoardsIndexRange)
 {
     writeDeviceFile(inventoryPath, inventory);
@@ -102,8 +88,8 @@ TEST_F(StateTest, InventoryTableIsLoadedOnlyWhenTheFlagIsClearAndServedWithoutTh
     writeDeviceFile(inventoryPath, inventory);
     writeDeviceFile(rfRevisionPath, "RF_REVISION=2.1/1.0/3.0\n");
     reloadInventory();
-    removeDevicePath(inventoryPath);
-    removeDevicePath(rfRevisionPath);
+    fs::remove(inventoryPath);
+    fs::remove(rfRevisionPath);
     EXPECT_TRUE(info.initAllSystemInfo());
     EXPECT_EQ(rfSystemInfo::RFHwRevision, "2.1/1.0/3.0") << "a loaded table is not read again";
     // Both lookups share the table: no offset for the TOP form.
@@ -133,7 +119,7 @@ TEST_F(StateTest, OnlyGetRFModuleRevisionStoresTheSummaryAndEveryCallRereads)
     EXPECT_EQ(rfSystemInfo::RFHwRevision, "2.1/1.0/3.0");
     writeDeviceFile(rfRevisionPath, "RF_REVISION=2.1/1.0/3.7\n"); // same size: only the new time tells
     EXPECT_EQ(info.getDncModuleStringRevision(), "3.7");
-    removeDevicePath(rfRevisionPath);
+    fs::remove(rfRevisionPath);
     EXPECT_EQ(info.getRFModuleRevision(), "NONE");
     EXPECT_EQ(rfSystemInfo::RFHwRevision, "NONE");
 }
@@ -149,7 +135,7 @@ TEST_F(StateTest, BoardDescriptionOutlivesItsFileButNotABadReplacement)
     EXPECT_EQ(GetCapturedStdout(), openFailure + openFailure);
     writeDeviceFile(boardPath, R"({"FPGA_VER":{"FPGA_BANK_0_VER":"0.9"}})");
     EXPECT_EQ(own.getFpgaVersionrfSystemInfo("FPGA_BANK_0_VER"), "0.9");
-    removeDevicePath(boardPath);
+    fs::remove(boardPath);
     CaptureStdout();
     EXPECT_EQ(own.getFpgaVersionrfSystemInfo("FPGA_BANK_0_VER"), "0.9");
     EXPECT_EQ(GetCapturedStdout(), openFailure);

@@ -60,13 +60,6 @@ void installTool(const std::string &path, const std::string &script)
     writeDeviceFile(path, "#!/bin/sh\n" + script + "\n", 0755);
 }
 
-void removeDevicePath(const std::string &path)
-{
-    std::error_code error;
-    std::filesystem::remove_all(path, error);
-    ASSERT_FALSE(error) << "cannot remove " << path << ": " << error.message();
-}
-
 void inFreshProcess(const std::function<void()> &checks)
 {
     // gtest silences a death test child's own reports, so the child collects its results and writes

@@ -23,9 +23,6 @@ void installTool(const std::string &path, const std::string &script);
 // Copies the sample device tree (examples/device) to the device's own paths.
 void installSampleDevice();
 
-// Removes a file or a whole folder at a device path; a missing path is fine.
-void removeDevicePath(const std::string &path);
-
 // Runs `checks` in a new process of this test binary: its own device root, the library loaded but no
 // rfSystemInfo constructed yet. The test fails when a check in it fails.
 void inFreshProcess(const std::function<void()> &checks);
