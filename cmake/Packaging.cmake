@@ -16,6 +16,10 @@ install(TARGETS rfsysinfo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT 
 # alerting rules (with their promtool unit tests) to start from.
 install(FILES tools/rfsysinfo/systemd/rfsysinfo-metrics.service tools/rfsysinfo/systemd/rfsysinfo-metrics.timer
     DESTINATION lib/systemd/system COMPONENT tool)
+# The manual page and the bash completion (bash-completion's layout).
+install(FILES docs/rfsysinfo.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+install(FILES tools/rfsysinfo/completion/rfsysinfo DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+    COMPONENT tool)
 install(FILES examples/prometheus/rfsysinfo-rules.yml examples/prometheus/rfsysinfo-rules-test.yml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/rfsysinfo/prometheus COMPONENT tool)
 

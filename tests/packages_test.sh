@@ -23,6 +23,8 @@ contains librfsysteminfo-dev "./usr/lib/cmake/rfSystemInfo/rfSystemInfoConfigVer
 contains librfsysteminfo-dev "./usr/lib/pkgconfig/rfSystemInfo.pc"
 contains rfsysinfo "./usr/bin/rfsysinfo"
 contains rfsysinfo "./usr/lib/systemd/system/rfsysinfo-metrics.timer"
+contains rfsysinfo "./usr/share/man/man1/rfsysinfo.1"
+contains rfsysinfo "./usr/share/bash-completion/completions/rfsysinfo"
 contains rfsysinfo "./usr/share/doc/rfsysinfo/prometheus/rfsysinfo-rules.yml"
 case "$(dpkg-deb --field "$(ls "$out"/rfsysinfo_*.deb)" Depends)" in
 *librfsysteminfo1*) ;;
