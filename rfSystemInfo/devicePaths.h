@@ -50,6 +50,9 @@ inline constexpr const char *identityTools[] = {"/bin/getSicutil", "/usr/bin/sic
 inline constexpr char productNameField[] = "ProductName";
 inline constexpr char productSerialField[] = "ProductSerialNumber";
 inline constexpr const char *identityFields[] = {productNameField, productSerialField};
+// What the model and serial number queries answer when no tool does.
+inline constexpr char fallbackModel[] = "KV720";
+inline constexpr char fallbackSerial[] = "SERIALNOTSET";
 
 // The DPB temperature sensors, in the order of the temperature report, and where the kernel keeps
 // each one's reading (in millidegrees), which the stand-in for the system-information service reads.

@@ -19,11 +19,11 @@
 
 namespace {
 
+using rfsi::paths::fallbackModel;
+using rfsi::paths::fallbackSerial;
 using rfsi::paths::identityTools;
 using rfsi::paths::productNameField;
 using rfsi::paths::productSerialField;
-constexpr char fallbackModel[] = "KV720";
-constexpr char fallbackSerial[] = "SERIALNOTSET";
 constexpr char rfSerial[] = "RFSERIAL";
 constexpr char uiVersion[] = "5.010.005a";
 

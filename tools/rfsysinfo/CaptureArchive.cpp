@@ -240,11 +240,8 @@ private:
     static bool readIdentity(const QJsonObject &identity, DeviceState &state)
     {
         const QJsonObject tools = identity.value("tools").toObject();
-        if (!identity.value("toolsAsked").isBool() || QStringList(tools.keys()) != [] {
-                QStringList sorted = identityToolPaths();
-                sorted.sort();
-                return sorted;
-            }())
+        // Every tool must have a known kind below, so the count makes the list exact.
+        if (!identity.value("toolsAsked").isBool() || tools.size() != identityToolPaths().size())
             return false;
         state.toolsAsked = identity.value("toolsAsked").toBool();
         for (const QString &path : identityToolPaths()) {

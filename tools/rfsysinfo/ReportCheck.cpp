@@ -1,6 +1,7 @@
 #include "ReportCheck.h"
 
 #include "ReportFacts.h"
+#include "devicePaths.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -9,8 +10,8 @@
 
 namespace {
 
-constexpr char fallbackModel[] = "KV720";
-constexpr char fallbackSerial[] = "SERIALNOTSET";
+using rfsi::paths::fallbackModel;
+using rfsi::paths::fallbackSerial;
 constexpr char missingVersion[] = "1000";
 
 class Findings
@@ -48,6 +49,10 @@ void checkInventory(const QVector<ReportSection> &report, Findings &findings)
     }
     findings.add("inventory.missing", true, QStringLiteral("inventory NONE (file missing or value empty)"), missing);
     findings.add("inventory.key-missing", true, QStringLiteral("inventory r (key missing from the file)"), keyless);
+}
+
+void checkRfRevision(const QVector<ReportSection> &report, Findings &findings)
+{
     const QString summary = reportValue(report, QStringLiteral("rf/summary")).toString();
     if (summary == QLatin1String("NONE") || summary == QLatin1String("r"))
         findings.add("rf.revision-missing", true,
@@ -141,6 +146,7 @@ QVector<Finding> checkReport(const QVector<ReportSection> &report, const CheckOp
     Findings findings;
     checkIdentity(report, findings);
     checkInventory(report, findings);
+    checkRfRevision(report, findings);
     checkImages(report, findings);
     checkTemperatures(report, findings);
     checkCalibration(report, options, findings);
@@ -174,14 +180,9 @@ QByteArray checkJson(const ReportHeader &header, const QVector<Finding> &finding
     for (const Finding &finding : findings)
         list.append(QJsonObject{
             {"id", finding.id}, {"severity", finding.error ? "error" : "warning"}, {"message", finding.message}});
-    const QJsonObject document{
-        {"tool", "rfsysinfo"},
-        {"version", header.version},
-        {"deviceTree", header.deviceTree.isEmpty() ? QJsonValue() : QJsonValue(header.deviceTree)},
-        {"sanitized", header.sanitized},
-        {"check", QJsonObject{{"verdict", checkPasses(findings, strict) ? "pass" : "fail"},
-                              {"strict", strict},
-                              {"findings", list}}},
-    };
+    QJsonObject document = jsonHeader(header);
+    document.insert("check", QJsonObject{{"verdict", checkPasses(findings, strict) ? "pass" : "fail"},
+                                         {"strict", strict},
+                                         {"findings", list}});
     return QJsonDocument(document).toJson(QJsonDocument::Indented);
 }

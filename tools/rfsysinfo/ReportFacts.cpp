@@ -80,7 +80,7 @@ QVector<TemperatureReading> temperatureReadingsOf(const QVector<ReportSection> &
 {
     QVector<TemperatureReading> readings;
     const QJsonObject byLabel = reportValue(report, QStringLiteral("temperature/readings")).toObject();
-    for (const char *sensor : {"P", "M", "Y", "D"}) {
+    for (const char *sensor : temperatureLabels) {
         const QString text = byLabel.value(QLatin1String(sensor)).toString();
         readings.push_back({QLatin1String(sensor), text, numberIn(text)});
     }

@@ -49,14 +49,19 @@ QByteArray textReport(const ReportHeader &header, const QVector<ReportSection> &
     return text.toUtf8();
 }
 
-QByteArray jsonReport(const ReportHeader &header, const QVector<ReportSection> &report)
+QJsonObject jsonHeader(const ReportHeader &header)
 {
-    QJsonObject document{
+    return {
         {"tool", "rfsysinfo"},
         {"version", header.version},
         {"deviceTree", header.deviceTree.isEmpty() ? QJsonValue() : QJsonValue(header.deviceTree)},
         {"sanitized", header.sanitized},
     };
+}
+
+QByteArray jsonReport(const ReportHeader &header, const QVector<ReportSection> &report)
+{
+    QJsonObject document = jsonHeader(header);
     for (const ReportSection &section : report)
         document.insert(section.name, section.json);
     return QJsonDocument(document).toJson(QJsonDocument::Indented);

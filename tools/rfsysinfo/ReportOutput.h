@@ -14,6 +14,9 @@ struct ReportHeader
     bool sanitized = false;
 };
 
+// The keys every JSON document of the tool starts with: the tool, its version and the source.
+QJsonObject jsonHeader(const ReportHeader &header);
+
 QByteArray textReport(const ReportHeader &header, const QVector<ReportSection> &report);
 QByteArray jsonReport(const ReportHeader &header, const QVector<ReportSection> &report);
 

@@ -8,6 +8,7 @@
 #include <functional>
 
 const QString serialPlaceholder = QStringLiteral("<serial>");
+const char *const temperatureLabels[4] = {"P", "M", "Y", "D"};
 
 namespace {
 
@@ -35,9 +36,6 @@ const InventoryEntry inventoryEntries[] = {
     {"TOP_ProductName", "TOP product name", false},
     {"TOP_ProductSerialNumber", "TOP product serial number", true},
 };
-
-// Labels of the temperature report's readings, in the order the report shows them.
-const char *const temperatureLabels[] = {"P", "M", "Y", "D"};
 
 constexpr int fpgaBankCount = 15;
 // The library names DSPs 0..15 and CPRI DSPs 0..9 at most.

@@ -32,6 +32,9 @@ struct ReportOptions
     bool identityToolsRun = true;
 };
 
+// The labels of the temperature report's readings, in the order the report shows them.
+extern const char *const temperatureLabels[4];
+
 // The section names, in report order.
 QStringList reportSectionNames();
 
