@@ -148,8 +148,13 @@ TEST_F(RobustnessTest, QueriesThatShareNoStateRunConcurrently)
                 << shared.checkRFModuleRevision() << QString::fromStdString(shared.getMixerModuStringRevision())
                 << shared.checkSystemTemperature() << shared.checkFlatnessFile() << shared.checkDncFreqCalFile()
                 << QString::number(shared.getDspActiveCount()) << shared.checkCpriDspString(1)
-                << shared.checkCpriDspVersion(0) << own.checkDspVersion(2) << own.checkDspString(2)
-                << shared.executeCmd("/bin/getSicutil", "ProductName");
+                << shared.checkCpriDspVersion(0) << own.checkDspVersion(2) << own.checkDspString(2);
+#ifndef RFSI_TEST_EMULATED
+        // Not under qemu-user: it starts a program by forking the whole emulator, and a fork taken
+        // while another thread holds one of qemu's own locks leaves the child waiting before exec
+        // (about one run in twenty here). The native builds, ThreadSanitizer's too, cover it.
+        answers << shared.executeCmd("/bin/getSicutil", "ProductName");
+#endif
         return answers;
     };
     rfSystemInfo reference;
