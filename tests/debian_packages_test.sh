@@ -5,7 +5,6 @@
 #   debian_packages_test.sh SOURCE_DIR BUILD_DIR                    this machine's architecture
 #   debian_packages_test.sh SOURCE_DIR BUILD_DIR ARCH SYSROOT       cross-built for ARCH (armhf, arm64)
 #                                                                   with the target sysroot, run under qemu-user
-# The scratch roots are overlays in a mount namespace of their own: the host's system is not touched.
 set -eu
 source_dir=$(realpath "$1")
 build_dir=$(realpath "$2")
@@ -38,8 +37,9 @@ changes=$(ls "$work"/rfsysteminfo_*_"$arch".changes)
 lintian --fail-on error,warning --info "$changes" >"$work/lintian.log" 2>&1 || lintian_status=$?
 grep -v '^running with root privileges' "$work/lintian.log" || true
 [ "${lintian_status:-0}" -eq 0 ] || fail "lintian reports errors or warnings on $arch"
+version=$(dpkg-parsechangelog -l "$source_dir/debian/changelog" -S Version)
 for package in librfsysteminfo1 librfsysteminfo-dev rfsysinfo librfsysteminfo1-dbgsym rfsysinfo-dbgsym; do
-    [ -f "$work/${package}_$(dpkg-parsechangelog -l "$source_dir/debian/changelog" -S Version)_$arch.deb" ] ||
+    [ -f "$work/${package}_${version}_$arch.deb" ] ||
         fail "no $package package for $arch"
 done
 dpkg-deb --ctrl-tarfile "$work"/librfsysteminfo1_*.deb | tar -t | grep -x './symbols' >/dev/null ||
@@ -48,40 +48,37 @@ dpkg-deb --contents "$work"/rfsysinfo_*.deb | grep ' ./usr/share/bash-completion
     fail "rfsysinfo has no bash completion"
 echo "ok: $(ls "$work"/*.deb | wc -l) packages for $arch, lintian clean"
 
+# The scratch root is an overlay in a mount namespace of its own: of this system, where dpkg itself
+# installs the packages (dependencies checked, maintainer scripts and the ldconfig trigger run), or
+# of the target sysroot, where they are unpacked.
 scratch=$work/scratch
 mkdir -p "$scratch"
-if [ -z "$sysroot" ]; then
-    # The scratch root is this system with the packages installed by dpkg itself (dependencies
-    # checked, maintainer scripts and the ldconfig trigger run); its /usr and /etc then stand in for
-    # the host's in this mount namespace, where the device root takes them from.
-    exec unshare --mount --propagation private sh -eu -c '
-        source_dir=$1 build_dir=$2 work=$3 scratch=$4
-        mount -t tmpfs tmpfs "$scratch"
-        mkdir "$scratch/upper" "$scratch/work" "$scratch/root"
-        mount -t overlay overlay -o "lowerdir=/,upperdir=$scratch/upper,workdir=$scratch/work" "$scratch/root"
-        mount --rbind /dev "$scratch/root/dev"
-        mount -t proc proc "$scratch/root/proc"
-        mkdir "$scratch/root/packages"
-        cp "$work"/librfsysteminfo1_*.deb "$work"/librfsysteminfo-dev_*.deb "$work"/rfsysinfo_*.deb "$scratch/root/packages/"
-        chroot "$scratch/root" sh -c "dpkg -i /packages/*.deb" >"$work/install.log" 2>&1 ||
-            { cat "$work/install.log"; echo "FAIL: dpkg -i" >&2; exit 1; }
-        mount --bind "$scratch/root/usr" /usr
-        mount --bind "$scratch/root/etc" /etc
-        "$source_dir/tests/install/run_installed.sh" "$source_dir" "$build_dir" "$work/callers"
-    ' sh "$source_dir" "$build_dir" "$work" "$scratch"
-fi
-
-# Cross-built: the target sysroot with the packages unpacked and the sample device copied in is the
-# scratch root; its programs run there under qemu-user (binfmt_misc, as registered by
-# scripts/run-target-tests). The caller is cross-built against the unpacked development files,
-# found through pkg-config in the target's multiarch folder.
 exec unshare --mount --propagation private sh -eu -c '
-    source_dir=$1 work=$2 scratch=$3 sysroot=$4 triplet=$5
-    mount -t tmpfs tmpfs "$scratch"
-    mkdir "$scratch/upper" "$scratch/work" "$scratch/root"
-    mount -t overlay overlay -o "lowerdir=$sysroot,upperdir=$scratch/upper,workdir=$scratch/work" "$scratch/root"
+    source_dir=$1 build_dir=$2 work=$3 scratch=$4 sysroot=$5 triplet=$6 version=$7
     root=$scratch/root
-    for package in "$work"/librfsysteminfo1_*.deb "$work"/librfsysteminfo-dev_*.deb "$work"/rfsysinfo_*.deb; do
+    mount -t tmpfs tmpfs "$scratch"
+    mkdir "$scratch/upper" "$scratch/work" "$root"
+    mount -t overlay overlay -o "lowerdir=${sysroot:-/},upperdir=$scratch/upper,workdir=$scratch/work" "$root"
+    packages="$work/librfsysteminfo1_*.deb $work/librfsysteminfo-dev_*.deb $work/rfsysinfo_*.deb"
+
+    if [ -z "$sysroot" ]; then
+        mount --rbind /dev "$root/dev"
+        mount -t proc proc "$root/proc"
+        mkdir "$root/packages"
+        cp $packages "$root/packages/"
+        chroot "$root" sh -c "dpkg -i /packages/*.deb" >"$work/install.log" 2>&1 ||
+            { cat "$work/install.log"; echo "FAIL: dpkg -i" >&2; exit 1; }
+        # /usr and /etc of the scratch root stand in for those of the host here, where the device
+        # root takes them from.
+        mount --bind "$root/usr" /usr
+        mount --bind "$root/etc" /etc
+        exec "$source_dir/tests/install/run_installed.sh" "$source_dir" "$build_dir" "$work/callers"
+    fi
+
+    # Cross-built: the sample device is copied into the scratch root, whose programs run under
+    # qemu-user (binfmt_misc, as registered by scripts/run-target-tests). The caller is cross-built
+    # against the unpacked development files, found through pkg-config in the multiarch folder.
+    for package in $packages; do
         dpkg-deb -x "$package" "$root"
     done
     cp -a "$source_dir/examples/device/." "$root/"
@@ -90,10 +87,10 @@ exec unshare --mount --propagation private sh -eu -c '
     "$triplet-g++" -std=c++17 -fPIC "$source_dir/tests/install/caller.cpp" -o "$root/caller" \
         $(PKG_CONFIG_SYSROOT_DIR="$root" PKG_CONFIG_LIBDIR="$root/usr/lib/$triplet/pkgconfig:$root/usr/share/pkgconfig" \
           pkg-config --cflags --libs rfSystemInfo) -Wl,-rpath-link,"$libraries"
-    version=$(chroot "$root" /usr/bin/rfsysinfo --version)
-    caller=$(chroot "$root" /caller)
-    [ "$version" = "rfsysinfo $(dpkg-parsechangelog -l "$source_dir/debian/changelog" -S Version)" ] ||
-        { echo "FAIL: rfsysinfo --version printed \"$version\"" >&2; exit 1; }
-    [ "$caller" = "C KV721 2.1/1.0/3.0" ] || { echo "FAIL: the caller printed \"$caller\"" >&2; exit 1; }
+    printed=$(chroot "$root" /usr/bin/rfsysinfo --version)
+    [ "$printed" = "rfsysinfo $version" ] || { echo "FAIL: rfsysinfo --version printed \"$printed\"" >&2; exit 1; }
+    printed=$(chroot "$root" /caller)
+    [ "$printed" = "$(cat "$source_dir/tests/install/caller.expected")" ] ||
+        { echo "FAIL: the caller printed \"$printed\"" >&2; exit 1; }
     echo "ok: the installed rfsysinfo and a caller run on $triplet"
-' sh "$source_dir" "$work" "$scratch" "$sysroot" "$triplet"
+' sh "$source_dir" "$build_dir" "$work" "$scratch" "$sysroot" "$triplet" "$version"

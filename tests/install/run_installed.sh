@@ -7,7 +7,7 @@ source_dir=$1
 build_dir=$2
 work=$3
 prefix=${4:-}
-expected="C KV721 2.1/1.0/3.0"
+expected=$(cat "$source_dir/tests/install/caller.expected")
 # The version the packages are released as is the version the tool reports.
 version=$(dpkg-parsechangelog -l "$source_dir/debian/changelog" -S Version)
 
