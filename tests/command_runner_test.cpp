@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 using namespace rfsitest;
 namespace fs = std::filesystem;
@@ -51,11 +52,41 @@ qint64 millisecondsOf(const std::function<void()> &call)
     return timer.elapsed();
 }
 
+// How the caller treats SIGCHLD, chosen by RFSI_TEST_SIGCHLD: CTest runs these tests once for each.
+// Daemons and UIs ignore it, or reap every child in a handler of their own.
+void reapEveryChild(int)
+{
+    const int savedErrno = errno;
+    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+    errno = savedErrno;
+}
+
+struct sigaction callerDisposition()
+{
+    struct sigaction action
+    {
+    };
+    const std::string disposition = std::getenv("RFSI_TEST_SIGCHLD") ? std::getenv("RFSI_TEST_SIGCHLD") : "";
+    action.sa_handler = disposition == "ignored" ? SIG_IGN : disposition == "reaped" ? reapEveryChild : SIG_DFL;
+    action.sa_flags = disposition == "nocldwait" ? SA_NOCLDWAIT : disposition == "reaped" ? SA_RESTART : 0;
+    EXPECT_TRUE(disposition.empty() || action.sa_handler != SIG_DFL || action.sa_flags != 0) << disposition;
+    return action;
+}
+
 } // namespace
 
 class CommandRunnerTest : public DeviceTest
 {
 protected:
+    void SetUp() override
+    {
+        DeviceTest::SetUp();
+        const struct sigaction action = callerDisposition();
+        ASSERT_EQ(::sigaction(SIGCHLD, &action, nullptr), 0);
+    }
+    void TearDown() override { ::signal(SIGCHLD, SIG_DFL); }
+
     rfSystemInfo &info = *rfSystemInfo::param();
 };
 
@@ -70,6 +101,7 @@ TEST_F(CommandRunnerTest, SicutilFamilyGetsItsOptionsAndArgumentsArePassedLitera
         installTool(program, "printf '<%s>' \"$@\"");
         EXPECT_EQ(info.executeCmd(program, "$(touch /tmp/injected) *"), expected) << program;
     }
+    EXPECT_EQ(info.executeCmd("/bin/echoargs", ""), "<>") << "an empty argument is an argument of its own";
     EXPECT_FALSE(fs::exists("/tmp/injected")) << "the argument went through a shell";
 }
 
@@ -172,10 +204,18 @@ TEST_F(CommandRunnerTest, ToolsThatHangAreKilledAfterTheTimeOut)
     installTool("/bin/silent", "exec >&-; echo $$ > /tmp/silent.pid; exec sleep 60");
     QString model, silent;
     qint64 modelMs = 0, silentMs = 0;
+    rusage before{}, after{};
+    ::getrusage(RUSAGE_SELF, &before);
     std::thread first([&] { modelMs = millisecondsOf([&] { model = info.getSystemModel(); }); });
     std::thread second([&] { silentMs = millisecondsOf([&] { silent = info.executeCmd("/bin/silent", "x"); }); });
     first.join();
     second.join();
+    ::getrusage(RUSAGE_SELF, &after);
+    const auto cpuMs = [](const rusage &usage) {
+        return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
+               (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
+    };
+    EXPECT_LT(cpuMs(after) - cpuMs(before), 1000) << "milliseconds of CPU while waiting: no busy waiting";
     EXPECT_EQ(model, "KV7-partial");
     EXPECT_FALSE(fs::exists("/tmp/second.ran")) << "an answer, even from a hanging tool, ends the search";
     EXPECT_EQ(silent, "");

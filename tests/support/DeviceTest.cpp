@@ -4,6 +4,7 @@
 
 #include <gtest/gtest-spi.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -62,6 +63,12 @@ void installTool(const std::string &path, const std::string &script)
 
 void inFreshProcess(const std::function<void()> &checks)
 {
+    // The test binary waits for its fresh process with SIGCHLD at its default, whatever the test set.
+    struct sigaction callers
+    {
+    }, waiting{};
+    waiting.sa_handler = SIG_DFL;
+    ::sigaction(SIGCHLD, &waiting, &callers);
     // gtest silences a death test child's own reports, so the child collects its results and writes
     // the failures to standard error, which the parent shows.
     EXPECT_EXIT(
@@ -75,6 +82,7 @@ void inFreshProcess(const std::function<void()> &checks)
             std::exit(reportFailures(results) ? 1 : 0);
         },
         ::testing::ExitedWithCode(0), "");
+    ::sigaction(SIGCHLD, &callers, nullptr);
 }
 
 void installSampleDevice()
