@@ -7,7 +7,7 @@
 
 #include <QByteArray>
 
-#include <cstdio>
+#include <charconv>
 
 #include <unistd.h>
 
@@ -44,9 +44,11 @@ std::string SolSrvInfo::getDpbTemperatureFromInfoFile(int sensor)
     long long millidegrees = 0;
     if (!readMillidegrees(sensor, &millidegrees))
         return notAvailable;
+    // to_chars, not printf: the same text in every locale of the caller ("45.2", never "45,2").
     char text[32];
-    std::snprintf(text, sizeof text, "%.1f", static_cast<double>(millidegrees) / 1000.0);
-    return text;
+    const auto end = std::to_chars(text, text + sizeof text, static_cast<double>(millidegrees) / 1000.0,
+                                   std::chars_format::fixed, 1);
+    return std::string(text, end.ptr);
 }
 
 DpbJsonHandle::DpbJsonHandle() = default;

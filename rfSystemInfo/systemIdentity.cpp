@@ -85,7 +85,7 @@ QString rfSystemInfo::executeCmd(std::string program, std::string argument)
         return {};
     QList<QByteArray> encodedArguments;
     for (const QString &argument : arguments)
-        encodedArguments << argument.toLocal8Bit();
+        encodedArguments << argument.toUtf8(); // the bytes the caller gave, whatever its locale
     QString output = rfsi::textUpToNul(rfsi::runTool(QFile::encodeName(toStart), encodedArguments, toolTimeoutMs));
     // In place: a tool may print tens of megabytes.
     return std::move(output).simplified();
