@@ -3,18 +3,23 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <memory>
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <linux/mount.h>
+#include <linux/openat2.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace deviceroot {
@@ -32,7 +37,12 @@ constexpr char overlayStates[] = "/.deviceroot/overlays";
 
 const char *const programFolders[] = {"/bin", "/usr/bin"};
 
-const char *const readOnlyHostFolders[] = {"/usr", "/etc", "/dev"};
+const char *const readOnlyHostFolders[] = {"/usr", "/etc"};
+// The device nodes a program may need; /dev is otherwise empty and read-only, so that no disk or
+// other device of the host can be opened from inside.
+const char *const deviceNodes[] = {"null", "zero", "full", "random", "urandom", "tty"};
+// Below the root's own /proc, what would change the host's kernel: read-only.
+const char *const kernelSettings[] = {"sys", "sysrq-trigger", "irq", "bus", "fs"};
 // Top-level names that merged-/usr systems keep as links into /usr (the dynamic linker lives there).
 const char *const usrLinks[] = {"/lib", "/lib32", "/lib64", "/libx32", "/sbin"};
 
@@ -211,12 +221,42 @@ std::vector<std::string> fixedPaths()
     return paths;
 }
 
+// Opens `path` inside the tree the way the instrument would see it: absolute links resolve inside the
+// tree, never on the host ("/usr/bin/x" is the tree's own usr/bin/x). -1 when it leads nowhere.
+int openInTree(const std::string &tree, const std::string &path, int flags)
+{
+    const Fd treeFd(::open(tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (treeFd.get() < 0)
+        return -1;
+    open_how how{};
+    how.flags = static_cast<uint64_t>(flags) | O_PATH | O_CLOEXEC;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    const std::string relative =
+        path.substr(path.find_first_not_of('/') == std::string::npos ? path.size() : path.find_first_not_of('/'));
+    const char *name = relative.empty() ? "." : relative.c_str();
+    const int fd = static_cast<int>(::syscall(SYS_openat2, treeFd.get(), name, &how, sizeof how));
+    if (fd >= 0 || errno != ENOSYS)
+        return fd;
+    return ::openat(treeFd.get(), name, flags | O_PATH | O_CLOEXEC); // before Linux 5.6: links resolve on the host
+}
+
+// The real path of the folder that `path` names inside the tree; empty when it names no folder.
+std::string folderInTree(const std::string &tree, const std::string &path)
+{
+    const Fd folder(openInTree(tree, path, O_DIRECTORY));
+    if (folder.get() < 0)
+        return {};
+    char target[PATH_MAX];
+    const ssize_t length = ::readlink(describeFd(folder.get()).c_str(), target, sizeof target - 1);
+    return length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
+}
+
 // The overlay's lower folders for a fixed path, topmost first; empty when the path is a plain folder.
 std::string lowerFolders(const std::string &root, const std::string &fixedPath)
 {
     std::string lowers;
-    if (isFolder(root + treeFolder + fixedPath))
-        lowers = root + treeFolder + fixedPath;
+    if (isFolder(root + treeFolder))
+        lowers = folderInTree(root + treeFolder, fixedPath);
     if (isProgramFolder(fixedPath))
         lowers += (lowers.empty() ? "" : ":") + root + hostBinFolder;
     return lowers;
@@ -228,11 +268,72 @@ std::string overlayState(const std::string &root, std::string fixedPath)
     return root + overlayStates + fixedPath;
 }
 
+// Where `path` (a path inside the tree) leads there, as a path below treeFolder; a path there that is
+// missing when it leads nowhere.
+std::string targetInTree(const std::string &root, const std::string &path, const std::string &linkTarget)
+{
+    const std::string tree = root + treeFolder;
+    const Fd node(openInTree(tree, path, 0));
+    char target[PATH_MAX];
+    const ssize_t length = node.get() < 0 ? -1 : ::readlink(describeFd(node.get()).c_str(), target, sizeof target - 1);
+    const std::string resolved = length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
+    if (resolved.rfind(tree + "/", 0) == 0)
+        return treeFolder + resolved.substr(tree.size());
+    return treeFolder + linkTarget;
+}
+
+// The kernel's own file systems are never part of a copied tree: a link into them keeps meaning the
+// root's own /dev, /proc and /sys, as it means the instrument's there.
+bool isKernelPath(const std::string &path)
+{
+    for (const char *prefix : {"/dev/", "/proc/", "/sys/"})
+        if (path.rfind(prefix, 0) == 0)
+            return true;
+    return false;
+}
+
+// An absolute link in the tree means a path of the instrument, so inside the root it must lead into
+// the tree, not to the root's (the host's) own /usr or /etc. For each absolute link below a seeded
+// fixed path, the overlay's upper layer gets a link of the same name to where it leads in the tree;
+// the tree itself stays unchanged.
+void retargetAbsoluteLinks(const std::string &root, const std::string &seedInTree, const std::string &upper,
+                           const std::string &relative = {}, int depth = 0)
+{
+    constexpr int deepestFolder = 16;
+    const std::string folderPath = root + treeFolder + seedInTree + relative;
+    std::unique_ptr<DIR, int (*)(DIR *)> folder(depth > deepestFolder ? nullptr : ::opendir(folderPath.c_str()),
+                                                ::closedir);
+    if (!folder)
+        return;
+    while (const dirent *entry = ::readdir(folder.get())) {
+        const std::string name = entry->d_name, path = relative + "/" + name;
+        struct stat info;
+        if (name == "." || name == ".." || ::lstat((folderPath + "/" + name).c_str(), &info) != 0)
+            continue;
+        if (S_ISDIR(info.st_mode)) {
+            retargetAbsoluteLinks(root, seedInTree, upper, path, depth + 1);
+            continue;
+        }
+        char target[PATH_MAX];
+        const ssize_t length =
+            S_ISLNK(info.st_mode) ? ::readlink((folderPath + "/" + name).c_str(), target, sizeof target - 1) : -1;
+        if (length <= 0 || target[0] != '/' || isKernelPath(std::string(target, static_cast<size_t>(length))))
+            continue;
+        makeFolders(upper + relative);
+        const std::string linkTarget(target, static_cast<size_t>(length));
+        if (::symlink(targetInTree(root, seedInTree + path, linkTarget).c_str(), (upper + path).c_str()) != 0)
+            fail("lead the device tree's link " + seedInTree + path + " into the tree");
+    }
+}
+
 void mountOverlay(const std::string &root, const std::string &fixedPath, const std::string &lowers)
 {
     const std::string state = overlayState(root, fixedPath);
     makeFolders(state + "/upper", fixedPath == "/tmp" ? 01777 : 0755);
     makeFolders(state + "/work");
+    const std::string seed = isFolder(root + treeFolder) ? folderInTree(root + treeFolder, fixedPath) : std::string();
+    if (!seed.empty())
+        retargetAbsoluteLinks(root, seed.substr((root + treeFolder).size()), state + "/upper");
     const std::string options = "lowerdir=" + lowers + ",upperdir=" + state + "/upper,workdir=" + state + "/work";
     mountOrFail("overlay", root + fixedPath, "overlay", 0, options, "mount the writable overlay at " + fixedPath);
 }
@@ -263,9 +364,54 @@ void checkDeviceTree(const std::string &deviceTree)
     if (deviceTree.empty())
         return;
     if (deviceTree[0] != '/')
-        throw SetupError("device tree must be an absolute path: '" + deviceTree + "'");
-    if (!isFolder(deviceTree))
-        throw SetupError("device tree is not a folder: '" + deviceTree + "'");
+        throw SetupError("the device tree must be given as an absolute path: '" + deviceTree + "'");
+    struct stat info;
+    if (::stat(deviceTree.c_str(), &info) != 0)
+        throw SetupError("the device tree " + deviceTree + " cannot be found: " + std::strerror(errno));
+    if (!S_ISDIR(info.st_mode))
+        throw SetupError("the device tree " + deviceTree + " is not a folder");
+    if (::access(deviceTree.c_str(), R_OK | X_OK) != 0)
+        throw SetupError("the device tree " + deviceTree + " cannot be read: " + std::strerror(errno));
+    // The kernel's overlay takes its folders as one text in which these characters separate them.
+    if (deviceTree.find_first_of(":,") != std::string::npos)
+        throw SetupError("the device tree's path " + deviceTree +
+                         " holds ':' or ',', which the overlay cannot take: copy or link it to a path without them");
+}
+
+// A fixed path seeded from the tree, with the failure named by the tree's folder.
+void makeSeededFixedPath(const std::string &root, const std::string &tree, const std::string &fixedPath)
+{
+    try {
+        makeFixedPath(root, fixedPath);
+    } catch (const SetupError &error) {
+        const std::string seed = folderInTree(root + treeFolder, fixedPath);
+        if (seed.empty())
+            throw;
+        throw SetupError("the device tree's folder " + tree + fixedPath + " cannot be shown at " + fixedPath + " (" +
+                         error.what() + ")");
+    }
+}
+
+// Shows the tree's other top-level folders read-only at their own paths, so that a link into them
+// ("/opt/sic/getSicutil") finds what it finds on the instrument. What the root already has stays.
+void showTreeFolders(const std::string &root)
+{
+    const std::string tree = root + treeFolder;
+    std::unique_ptr<DIR, int (*)(DIR *)> folder(::opendir(tree.c_str()), ::closedir);
+    if (!folder)
+        return;
+    while (const dirent *entry = ::readdir(folder.get())) {
+        const std::string name = std::string("/") + entry->d_name;
+        struct stat info;
+        if (name == "/." || name == "/.." || ::lstat((root + name).c_str(), &info) == 0)
+            continue;
+        const std::string seed = folderInTree(tree, name);
+        if (seed.empty())
+            continue;
+        makeFolders(root + name);
+        mountOrFail(seed, root + name, nullptr, MS_BIND | MS_REC, {}, "show the device tree's folder " + name);
+        makeReadOnly(root + name);
+    }
 }
 
 void mirrorUsrLinks(const std::string &root)
@@ -286,22 +432,163 @@ void enterNamespaces()
     const uid_t uid = ::geteuid();
     const gid_t gid = ::getegid();
     if (uid == 0) {
-        if (::unshare(CLONE_NEWNS) != 0)
-            fail("create a mount namespace (unshare CLONE_NEWNS)");
+        if (::unshare(CLONE_NEWNS | CLONE_NEWPID) != 0)
+            fail("create a mount and PID namespace (unshare)");
         return;
     }
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-        fail("create a user and mount namespace as an unprivileged user (are user namespaces allowed? see "
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) != 0)
+        fail("create a user, mount and PID namespace as an unprivileged user (are user namespaces allowed? see "
              "/proc/sys/user/max_user_namespaces)");
     writeProcFile("/proc/self/setgroups", "deny");
     writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
     writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
 }
 
+volatile sig_atomic_t signalTarget = 0;
+void forwardSignal(int signal)
+{
+    if (signalTarget > 0)
+        ::kill(signalTarget, signal);
+}
+
+// Waits for `child` while passing on the signals a terminal or a service manager sends, reaping every
+// other process that ends meanwhile (the namespace's orphans come to its first process), and exits
+// as the child did.
+[[noreturn]] void exitWith(pid_t child)
+{
+    // The child holds whatever it needs; here a descriptor would only be a way in through /proc.
+    ::syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0);
+    signalTarget = child;
+    struct sigaction forward
+    {
+    };
+    forward.sa_handler = forwardSignal;
+    for (int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2})
+        ::sigaction(signal, &forward, nullptr);
+    for (;;) {
+        int status = 0;
+        const pid_t ended = ::waitpid(-1, &status, 0);
+        if (ended == child)
+            ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+        if (ended < 0 && errno == ECHILD)
+            ::_exit(127);
+    }
+}
+
+// Goes on in a child process; this one waits for it and exits as it does. The child dies with it.
+void continueInChild(const char *why)
+{
+    const pid_t child = ::fork();
+    if (child < 0)
+        fail(why);
+    if (child > 0)
+        exitWith(child);
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+}
+
+// The root's own /proc: it shows only the processes inside, so that no /proc/<pid>/root, cwd or fd
+// leads to the host; what would change the host's kernel is read-only.
+void mountOwnProc(const std::string &root)
+{
+    makeFolders(root + "/proc");
+    mountOrFail("proc", root + "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, {}, "mount the root's own /proc");
+    for (const char *name : kernelSettings) {
+        const std::string path = root + "/proc/" + name;
+        struct stat info;
+        if (::stat(path.c_str(), &info) != 0)
+            continue;
+        mountOrFail(path, path, nullptr, MS_BIND | MS_REC, {}, "bind " + path + " onto itself");
+        makeReadOnly(path);
+    }
+}
+
+// An empty, read-only /dev with the few harmless device nodes of the host and the usual links.
+void mountOwnDev(const std::string &root)
+{
+    const std::string dev = root + "/dev";
+    makeFolders(dev);
+    mountOrFail("tmpfs", dev, "tmpfs", MS_NOSUID | MS_NOEXEC, "mode=0755", "mount the root's own /dev");
+    for (const char *name : deviceNodes) {
+        const std::string host = std::string("/dev/") + name, node = dev + "/" + name;
+        if (::access(host.c_str(), F_OK) != 0)
+            continue;
+        const Fd created(::open(node.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+        if (created.get() < 0)
+            fail("create " + node);
+        mountOrFail(host, node, nullptr, MS_BIND, {}, "show the device " + host);
+    }
+    const std::pair<const char *, const char *> links[] = {{"fd", "/proc/self/fd"},
+                                                           {"stdin", "/proc/self/fd/0"},
+                                                           {"stdout", "/proc/self/fd/1"},
+                                                           {"stderr", "/proc/self/fd/2"}};
+    for (const auto &[name, target] : links)
+        if (::symlink(target, (dev + "/" + name).c_str()) != 0)
+            fail("link " + dev + "/" + name);
+    mountOrFail({}, dev, nullptr, MS_REMOUNT | MS_RDONLY | MS_NOSUID | MS_NOEXEC, "mode=0755", "make /dev read-only");
+}
+
+// /sys holds only the thermal zones' folder, which stays writable; the rest of it is read-only.
+void lockSys(const std::string &root)
+{
+    const std::string sys = root + "/sys", thermal = root + "/sys/class/thermal";
+    mountOrFail(thermal, thermal, nullptr, MS_BIND | MS_REC, {}, "bind /sys/class/thermal onto itself");
+    mountOrFail(sys, sys, nullptr, MS_BIND | MS_REC, {}, "bind /sys onto itself");
+    mountOrFail({}, sys, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | lockedFlags(sys), {}, "make /sys read-only");
+}
+
 std::string currentFolder()
 {
     char buffer[PATH_MAX];
     return ::getcwd(buffer, sizeof buffer) ? buffer : "/";
+}
+
+// Builds the root and makes it this process's "/". Every descriptor of a host folder it opens is
+// closed when it returns: a descriptor left open would lead back to the host through /proc/<pid>/fd.
+void buildRoot(const Options &options, const std::string &hostBin)
+{
+    // Host folders are opened before the staging tmpfs may hide them (a build tree below /tmp).
+    std::vector<HostFolder> shown = options.hostFolders;
+    if (!options.deviceTree.empty())
+        shown.push_back({options.deviceTree, false});
+    std::vector<std::unique_ptr<Fd>> shownFds;
+    for (const HostFolder &folder : shown) {
+        if (folder.path.empty() || folder.path[0] != '/')
+            throw SetupError("a folder to show must be given as an absolute path: '" + folder.path + "'");
+        if (!isFolder(folder.path))
+            throw SetupError("the folder to show " + folder.path + " is not a folder");
+        shownFds.push_back(openFolder(folder.path));
+    }
+    std::vector<std::unique_ptr<Fd>> hostFds;
+    for (const char *folder : readOnlyHostFolders)
+        hostFds.push_back(openFolder(folder));
+    const auto hostBinFd = openFolder(hostBin);
+
+    const std::string root = stagingPoint;
+    mountOrFail("tmpfs", root, "tmpfs", MS_NOSUID, "mode=0755", "mount the root tmpfs");
+
+    for (size_t i = 0; i < std::size(readOnlyHostFolders); ++i)
+        bindFolder(hostFds[i]->get(), readOnlyHostFolders[i], root + readOnlyHostFolders[i], false);
+    mountOwnDev(root);
+    mountOwnProc(root);
+    mirrorUsrLinks(root);
+    bindFolder(hostBinFd->get(), hostBin, root + hostBinFolder, false);
+    if (!options.deviceTree.empty())
+        bindFolder(shownFds.back()->get(), options.deviceTree, root + treeFolder, false);
+    for (const std::string &fixedPath : fixedPaths())
+        makeSeededFixedPath(root, options.deviceTree, fixedPath);
+    lockSys(root);
+    for (size_t i = 0; i < options.hostFolders.size(); ++i)
+        bindFolder(shownFds[i]->get(), shown[i].path, root + shown[i].path, shown[i].writable);
+    if (!options.deviceTree.empty())
+        showTreeFolders(root);
+
+    if (::chdir(root.c_str()) != 0)
+        fail("enter the new root");
+    if (::syscall(SYS_pivot_root, ".", ".") != 0)
+        fail("switch to the new root (pivot_root)");
+    // The old root now sits on top of the new one; detaching it leaves no way back to host paths.
+    if (::umount2(".", MNT_DETACH) != 0)
+        fail("detach the host's root");
 }
 
 } // namespace
@@ -326,48 +613,35 @@ void enter(const Options &options)
     const std::string hostBin = isInside() ? hostBinFolder : "/usr/bin";
 
     enterNamespaces();
+    // The new PID namespace starts with this process's next child. This process stays outside and
+    // waits; its child, the namespace's first process, sets up the root and then waits as its init.
+    continueInChild("start the first process of the PID namespace");
     mountOrFail({}, "/", nullptr, MS_REC | MS_PRIVATE, {}, "make the mount tree private");
-
-    // Host folders are opened before the staging tmpfs may hide them (a build tree below /tmp).
-    std::vector<HostFolder> shown = options.hostFolders;
-    if (!options.deviceTree.empty())
-        shown.push_back({options.deviceTree, false});
-    std::vector<std::unique_ptr<Fd>> shownFds;
-    for (const HostFolder &folder : shown) {
-        if (folder.path.empty() || folder.path[0] != '/')
-            throw SetupError("host folder must be an absolute path: '" + folder.path + "'");
-        shownFds.push_back(openFolder(folder.path));
-    }
-    std::vector<std::unique_ptr<Fd>> hostFds;
-    for (const char *folder : readOnlyHostFolders)
-        hostFds.push_back(openFolder(folder));
-    const auto procFd = openFolder("/proc");
-    const auto hostBinFd = openFolder(hostBin);
-
-    const std::string root = stagingPoint;
-    mountOrFail("tmpfs", root, "tmpfs", MS_NOSUID, "mode=0755", "mount the root tmpfs");
-
-    for (size_t i = 0; i < std::size(readOnlyHostFolders); ++i)
-        bindFolder(hostFds[i]->get(), readOnlyHostFolders[i], root + readOnlyHostFolders[i], false);
-    bindFolder(procFd->get(), "/proc", root + "/proc", true);
-    mirrorUsrLinks(root);
-    bindFolder(hostBinFd->get(), hostBin, root + hostBinFolder, false);
-    if (!options.deviceTree.empty())
-        bindFolder(shownFds.back()->get(), options.deviceTree, root + treeFolder, false);
-    for (const std::string &fixedPath : fixedPaths())
-        makeFixedPath(root, fixedPath);
-    for (size_t i = 0; i < options.hostFolders.size(); ++i)
-        bindFolder(shownFds[i]->get(), shown[i].path, root + shown[i].path, shown[i].writable);
-
-    if (::chdir(root.c_str()) != 0)
-        fail("enter the new root");
-    if (::syscall(SYS_pivot_root, ".", ".") != 0)
-        fail("switch to the new root (pivot_root)");
-    // The old root now sits on top of the new one; detaching it leaves no way back to host paths.
-    if (::umount2(".", MNT_DETACH) != 0)
-        fail("detach the host's root");
+    buildRoot(options, hostBin);
+    // The first process stays as the namespace's init: it reaps orphans and ends the namespace
+    // (every process in it) when the caller's process ends.
+    continueInChild("start the caller's process in the PID namespace");
     if (::chdir(workingFolder.c_str()) != 0 && ::chdir("/") != 0)
         fail("enter a working folder");
+}
+
+bool treeHolds(const std::string &deviceTree, const std::string &path)
+{
+    const Fd node(openInTree(deviceTree, path, O_NOFOLLOW));
+    return node.get() >= 0;
+}
+
+void dropPrivileges()
+{
+    for (int capability = 0; capability <= CAP_LAST_CAP; ++capability)
+        ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);
+    ::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    if (::syscall(SYS_capset, &header, none) != 0)
+        fail("drop the capabilities");
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
+        fail("forbid new privileges");
 }
 
 void makeReadOnly()

@@ -4,15 +4,19 @@
 // without touching the machine's real paths.
 //
 // Inside the root:
-//   /usr, /etc, /dev             the host's, read-only
-//   /proc                        the host's
+//   /usr, /etc                   the host's, read-only
+//   /dev                         read-only, with only null, zero, full, random, urandom and tty
+//   /proc                        the root's own: a PID namespace of its own shows only the processes
+//                                inside; /proc/sys and the other kernel settings are read-only
 //   /bin, /usr/bin               writable overlays over the host's /usr/bin (writes stay in the root)
-//   /tmp, /storage, /Dsp, ...    empty writable folders
+//   /tmp, /storage, /Dsp, ...    empty writable folders; /sys is read-only but for /sys/class/thermal
 //   the host folders asked for   at their own paths, read-only unless asked otherwise
 // Given a device tree (a copy of an instrument's file system), each fixed path shows the tree's
-// folder of the same name instead, as a writable overlay over it: the tree itself is visible
-// read-only at /.deviceroot/tree and is never changed. Nothing written inside reaches the host, and no other host path
-// is reachable.
+// folder of the same name instead, as a writable overlay over it, and the tree's other top-level
+// folders (/opt, /mnt, ...) stand read-only at their paths. Links in the tree resolve as on the
+// instrument: an absolute link leads into the tree, never to the host. The tree itself is visible
+// read-only at /.deviceroot/tree and is never changed. Nothing written inside reaches the host, and
+// no other host path is reachable.
 #ifndef DEVICEROOT_DEVICEROOT_H
 #define DEVICEROOT_DEVICEROOT_H
 
@@ -48,10 +52,21 @@ const std::vector<std::string> &deviceFolders();
 
 // Moves the calling process into a new device root; its working directory is kept when it is
 // visible inside, else it becomes "/". Call it while the process has a single thread and before
-// anything reads a device path. As root it needs only a new mount namespace; otherwise it creates a
-// user namespace too, which the kernel must allow. Throws SetupError when any step fails: the
-// process's view of the file system is then half built, and the caller must stop rather than go on.
+// anything reads a device path. As root it needs new mount and PID namespaces; otherwise it creates
+// a user namespace too, which the kernel must allow. The process goes on as a child in the new PID
+// namespace: the process that called stays outside, waits, passes on the signals it gets and exits
+// as the child does (so enter() returns in another process, with the same memory and descriptors).
+// Throws SetupError when any step fails, with a reason a service engineer can act on: the process's
+// view of the file system is then half built, and the caller must stop rather than go on.
 void enter(const Options &options);
+
+// Whether `path` names anything in the device tree, links resolved as on the instrument (a link
+// itself counts, wherever it leads).
+bool treeHolds(const std::string &deviceTree, const std::string &path);
+
+// Drops every capability for good (also across exec of a set-user-ID program), so that a program of a
+// copied tree cannot undo the root's read-only mounts or reach the host's devices.
+void dropPrivileges();
 
 // True inside a device root made by enter().
 bool isInside();

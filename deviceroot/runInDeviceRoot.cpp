@@ -1,14 +1,23 @@
-// rfsi-device-root: runs a program inside a private device root, optionally seeded from a device tree.
-//   rfsi-device-root [--tree DIR] [--show DIR]... [--show-writable DIR]... -- PROGRAM [ARGUMENT]...
+// rfsi-device-root: runs a program inside a private device root, seeded from a device tree or
+// replaying a capture made by `rfsysinfo --capture` (its files and its identity tools' answers).
+//   rfsi-device-root [--tree DIR|CAPTURE] [--show DIR]... [--show-writable DIR]... -- PROGRAM [ARGUMENT]...
+// The program runs without any capability: whatever a copied tree holds cannot undo the root's
+// read-only mounts or reach the host's devices.
+#include "CaptureArchive.h"
 #include "DeviceRoot.h"
+
+#include <QFile>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
+#include <fcntl.h>
 #include <getopt.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -28,9 +37,32 @@ std::string absolutePath(const char *path)
 
 int usage(const char *program)
 {
-    std::fprintf(stderr, "usage: %s [--tree DIR] [--show DIR]... [--show-writable DIR]... -- PROGRAM [ARGUMENT]...\n",
+    std::fprintf(stderr,
+                 "usage: %s [--tree DIR|CAPTURE] [--show DIR]... [--show-writable DIR]... -- PROGRAM [ARGUMENT]...\n",
                  program);
     return usageError;
+}
+
+bool isRegularFile(const std::string &path)
+{
+    struct stat info;
+    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+// A capture is read before the root is entered, where the archive still stands at its path.
+std::optional<DeviceState> readCapture(const std::string &path, std::string &error)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        error = "cannot read the capture " + path + ": " + std::strerror(errno);
+        return std::nullopt;
+    }
+    QString refusal;
+    std::optional<DeviceState> state = readCaptureArchive(fd, refusal);
+    ::close(fd);
+    if (!state)
+        error = "refused the capture " + path + ": " + refusal.toStdString();
+    return state;
 }
 
 } // namespace
@@ -61,8 +93,22 @@ int main(int argc, char **argv)
     if (optind >= argc)
         return usage(argv[0]);
 
+    std::optional<DeviceState> capture;
+    if (!options.deviceTree.empty() && isRegularFile(options.deviceTree)) {
+        std::string error;
+        capture = readCapture(options.deviceTree, error);
+        if (!capture) {
+            std::fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
+            return setupError;
+        }
+        options.deviceTree.clear();
+    }
     try {
         deviceroot::enter(options);
+        QString error;
+        if (capture && !applyDeviceState(*capture, error))
+            throw deviceroot::SetupError("cannot replay the capture: " + error.toStdString());
+        deviceroot::dropPrivileges();
     } catch (const deviceroot::SetupError &error) {
         std::fprintf(stderr, "%s: cannot set up the private device root: %s\n", argv[0], error.what());
         return setupError;

@@ -58,8 +58,12 @@ public:
     // Runs `program` without a shell, waits at most 8000 ms and returns its standard output up to the
     // first NUL byte, simplified (white space runs folded to one space, ends trimmed). A path that
     // contains "icutil" receives "-r", "-sol", "5" before `argument`. Empty when the program cannot
-    // run or prints nothing; a program still running after 8000 ms is killed.
+    // run or prints nothing; a program still running after 8000 ms is killed, with everything it
+    // started. Worst case: 8000 ms and the time to start and kill it. The caller's SIGCHLD handling
+    // (ignored, SA_NOCLDWAIT, or a handler that reaps every child) changes neither answer nor time.
     QString executeCmd(std::string program, std::string argument);
+    // The identity queries below run up to two tools one after the other, so each can block its
+    // caller for up to 16 s (both tools hanging). A user interface asks them off its event loop.
     // The product name from /bin/getSicutil, else /usr/bin/sicutil, else `fallback`.
     QString getSystemModelSystemCmd(std::string fallback);
     // getSystemModelSystemCmd("KV720").

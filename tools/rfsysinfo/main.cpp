@@ -175,7 +175,9 @@ bool enterDeviceRoot(const QString &tree, const QString &source, QString &error)
         deviceroot::enter(options);
         return true;
     } catch (const deviceroot::SetupError &setupError) {
-        error = QStringLiteral("cannot read %1: %2").arg(source, setupError.what());
+        // A tree's own faults are named by the device root with the tree's path.
+        error = tree.isEmpty() ? QStringLiteral("cannot read %1: %2").arg(source, setupError.what())
+                               : QString::fromLocal8Bit(setupError.what());
         return false;
     }
 }
@@ -196,11 +198,19 @@ bool removeTools(const QStringList &tools, QString &error)
 bool enterDeviceTree(const Settings &settings, QString &error)
 {
     const QString tree = QFileInfo(settings.deviceTree).absoluteFilePath();
-    // Decided on the host, where the tree stands at its own path.
+    const std::string treePath = QFile::encodeName(tree).toStdString();
+    // Decided on the host, where the tree stands at its own path (its links resolved inside it).
     QStringList foreignTools;
     for (const QString &tool : identityToolPaths())
-        if (!QFileInfo::exists(tree + tool))
+        if (!deviceroot::treeHolds(treePath, QFile::encodeName(tool).toStdString()))
             foreignTools << tool;
+    // An empty device is possible (and then reported), but more often the wrong folder was given.
+    bool holdsAny = foreignTools.size() < identityToolPaths().size();
+    for (const QString &path : capturedFilePaths())
+        holdsAny = holdsAny || deviceroot::treeHolds(treePath, QFile::encodeName(path).toStdString());
+    if (!holdsAny && QFileInfo(tree).isDir())
+        std::fprintf(stderr, "rfsysinfo: warning: %s holds none of the files the library reads\n",
+                     qPrintable(settings.deviceTree));
     return enterDeviceRoot(tree, QStringLiteral("the device tree %1").arg(settings.deviceTree), error) &&
            removeTools(foreignTools, error);
 }
@@ -326,6 +336,14 @@ int main(int argc, char **argv)
         // A capture records what the tree holds; a report must not run what it was not allowed to.
         if (!captureFile && !toolsRun && !removeTools(identityToolPaths(), error))
             return fail(exitDeviceRoot, error);
+    }
+    // From here on, a copied tree's programs may run: none of them gets a capability.
+    if (!settings.deviceTree.isEmpty()) {
+        try {
+            deviceroot::dropPrivileges();
+        } catch (const deviceroot::SetupError &setupError) {
+            return fail(exitDeviceRoot, QString::fromLocal8Bit(setupError.what()));
+        }
     }
     if (captureFile)
         return capture(settings, *captureFile, toolsRun, reportFd);
