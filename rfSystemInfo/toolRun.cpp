@@ -19,6 +19,15 @@
 
 extern char **environ;
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define RFSI_THREAD_SANITIZER 1
+#endif
+#endif
+#ifndef RFSI_THREAD_SANITIZER
+#define RFSI_THREAD_SANITIZER 0
+#endif
+
 namespace rfsi {
 
 namespace {
@@ -144,6 +153,13 @@ struct Child
 // emulators that cannot share memory with a child or give it no exit signal).
 pid_t startQuietly(const ChildSetup &setup, int &endFd)
 {
+#if defined(__SANITIZE_THREAD__) || RFSI_THREAD_SANITIZER
+    // ThreadSanitizer takes a clone for a fork, and cannot follow one made while other threads run.
+    (void)setup;
+    (void)endFd;
+    errno = ENOSYS;
+    return -1;
+#else
     constexpr std::size_t stackSize = 64 * 1024;
     void *stack = ::mmap(nullptr, stackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
     if (stack == MAP_FAILED)
@@ -158,6 +174,7 @@ pid_t startQuietly(const ChildSetup &setup, int &endFd)
     ::munmap(stack, stackSize);
     errno = error;
     return pid;
+#endif
 }
 
 // How the program starts with posix_spawn, where clone cannot be used: standard input and standard
