@@ -97,7 +97,7 @@ void childSyscallOrExit(long result, const ChildSetup &setup)
 // Runs in the child, which may share the caller's memory until the exec: raw system calls only, no
 // allocation, no signal handler of the caller (all signals stay blocked until their dispositions are
 // reset), and nothing the sanitizers would record as the caller's own doing.
-__attribute__((no_sanitize("address", "thread", "undefined"))) int startChild(void *argument)
+[[maybe_unused]] __attribute__((no_sanitize("address", "thread", "undefined"))) int startChild(void *argument)
 {
     const ChildSetup &setup = *static_cast<const ChildSetup *>(argument);
     for (int signal = 1; signal <= 64; ++signal)
