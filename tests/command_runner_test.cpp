@@ -8,9 +8,11 @@
 #include <QElapsedTimer>
 
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <thread>
 
 #include <fcntl.h>
@@ -225,6 +227,26 @@ TEST_F(CommandRunnerTest, ToolsThatHangAreKilledAfterTheTimeOut)
     }
     EXPECT_FALSE(running("/tmp/first.pid"));
     EXPECT_FALSE(running("/tmp/silent.pid"));
+}
+
+TEST_F(CommandRunnerTest, AUserInterfaceThatAsksOnAWorkerNeverStallsWhileBothToolsHang)
+{
+    // The model hangs in both tools (16 s); the serial answers at once.
+    for (const char *tool : {"/bin/getSicutil", "/usr/bin/sicutil"})
+        installTool(tool, "[ \"$4\" = ProductName ] && exec sleep 60; echo KV7-0001");
+    // popen, not QProcess: the caller configurations under test may reap its child.
+    std::unique_ptr<FILE, int (*)(FILE *)> ui(::popen(RFSI_TEST_UI_CALLER, "r"), ::pclose);
+    ASSERT_TRUE(ui);
+    std::string output;
+    for (char buffer[256]; std::fgets(buffer, sizeof buffer, ui.get());)
+        output += buffer;
+    long long largestGapMs = -1;
+    const auto gapLine = output.rfind("Largest gap between 20 ms ticks: ");
+    ASSERT_NE(gapLine, std::string::npos) << output;
+    std::sscanf(output.c_str() + gapLine, "Largest gap between 20 ms ticks: %lld ms", &largestGapMs);
+    EXPECT_EQ(output.substr(0, gapLine), "Model    KV720\nSerial   KV7-0001\n");
+    EXPECT_GE(largestGapMs, 0);
+    EXPECT_LT(largestGapMs, 100) << "milliseconds the event loop stood still";
 }
 
 TEST_F(CommandRunnerTest, CallersChooseTheFallbackOfTheIdentityQueries)
