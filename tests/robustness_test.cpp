@@ -3,6 +3,7 @@
 #include "DeviceRoot.h"
 #include "DeviceTest.h"
 #include "QueryRound.h"
+#include "devicePaths.h"
 #include "rfSystem_Info.h"
 
 #include <atomic>
@@ -12,6 +13,7 @@
 #include <thread>
 
 #include <malloc.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace rfsitest;
@@ -187,6 +189,25 @@ TEST_F(RobustnessTest, ReadOnlyDeviceAnswersAlikeAndNothingIsEverWritten)
         rfSystemInfo::updatedSystemInfo = false;
         EXPECT_EQ(askEveryQuery(info), writable);
     });
+}
+
+TEST_F(RobustnessTest, NodesThatAreNotFilesLeaveNoDescriptorOpen)
+{
+    std::vector<std::string> paths(std::begin(rfsi::paths::deviceFiles), std::end(rfsi::paths::deviceFiles));
+    for (int sensor : rfsi::paths::temperatureSensors)
+        paths.push_back(rfsi::paths::thermalZonePath(sensor));
+    for (const bool fifos : {true, false}) {
+        SCOPED_TRACE(fifos ? "a FIFO at every path" : "a folder at every path");
+        deviceroot::reset();
+        for (const std::string &path : paths) {
+            fs::create_directories(fs::path(path).parent_path());
+            ASSERT_TRUE(fifos ? ::mkfifo(path.c_str(), 0644) == 0 : fs::create_directory(path)) << path;
+        }
+        rfSystemInfo info;
+        const long before = currentUsage().openFds;
+        askEveryQuery(info, false);
+        EXPECT_EQ(currentUsage().openFds, before);
+    }
 }
 
 TEST_F(RobustnessTest, HostileContentIsReadWithinTheFilesSize)

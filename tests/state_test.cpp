@@ -7,6 +7,9 @@
 #include <climits>
 #include <filesystem>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 using namespace rfsitest;
 namespace fs = std::filesystem;
 using testing::internal::CaptureStdout;
@@ -144,6 +147,24 @@ TEST_F(StateTest, BoardDescriptionOutlivesItsFileButNotABadReplacement)
     EXPECT_EQ(own.getFpgaVersionrfSystemInfo("FPGA_BANK_0_VER"), "1000");
     EXPECT_EQ(GetCapturedStdout(), "## FlashJSonFile is Null\n");
     EXPECT_TRUE(own.dpbJsonDoc.isNull());
+
+    // A DSP version loads the board description before it looks at the index, and again for the
+    // version: two messages for an accepted index, one for a rejected one (no name file: count 3).
+    fs::remove(boardPath);
+    CaptureStdout();
+    EXPECT_EQ(own.checkDspVersion(0), "1000");
+    EXPECT_EQ(own.checkDspVersion(5), "");
+    EXPECT_EQ(GetCapturedStdout(), openFailure + openFailure + openFailure);
+
+    // A firmware update rewrites the file with bytes of the same size, and may keep its time.
+    writeDeviceFile(boardPath, R"({"FPGA_VER":{"FPGA_BANK_0_VER":"2.8.0"}})");
+    struct stat before;
+    ASSERT_EQ(::stat(boardPath.c_str(), &before), 0);
+    EXPECT_EQ(own.getFpgaVersionrfSystemInfo("FPGA_BANK_0_VER"), "2.8.0");
+    writeDeviceFile(boardPath, R"({"FPGA_VER":{"FPGA_BANK_0_VER":"2.8.1"}})");
+    const timespec sameTimes[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, boardPath.c_str(), sameTimes, 0), 0);
+    EXPECT_EQ(own.getFpgaVersionrfSystemInfo("FPGA_BANK_0_VER"), "2.8.1");
 }
 
 TEST_F(StateTest, DspIndicesOutsideZeroToFifteenStandForDspZero)
@@ -155,8 +176,25 @@ TEST_F(StateTest, DspIndicesOutsideZeroToFifteenStandForDspZero)
         EXPECT_EQ(info.checkDspVersion(dsp), "v0") << dsp;
     }
     writeDeviceFile("/DspCpri/name.txt", "40\nA\n");
-    for (int index : {10, 11, -1, INT_MIN}) // accepted by the count, but the CPRI entry list holds ten
+    for (int index : {10, 11, 16, -1, INT_MIN}) // accepted by the count, but the CPRI entry list holds ten
         EXPECT_EQ(info.checkCpriDspString(index), "") << index;
+}
+
+// Our decision where the acceptance test leaves it open: an index equal to the active count is
+// rejected like the ones above it. CPRI indices are accepted by the name file's count alone.
+TEST_F(StateTest, AnIndexEqualToTheActiveCountOrAboveItIsRejected)
+{
+    writeDeviceFile(boardPath, R"({"FPGA_VER":{"FPGA_BANK_1_VER":"v1","FPGA_BANK_2_VER":"v2"}})");
+    writeDeviceFile(dspNames, "2\nA\nB\nC\n");
+    writeDeviceFile("/DspCpri/name.txt", "1\nX\nY\n");
+    writeDeviceFile("/DspCpri/version.txt", "3\nV0\nV1\nV2\n");
+    const std::pair<QString, QString> answers[] = {
+        {info.checkDspVersion(1), "v1"},     {info.checkDspVersion(2), ""},     {info.checkDspString(1), "B"},
+        {info.checkDspString(2), ""},        {info.checkCpriDspString(0), "X"}, {info.checkCpriDspString(1), ""},
+        {info.checkCpriDspVersion(0), "V0"}, {info.checkCpriDspVersion(1), ""}, {info.checkCpriDspVersion(2), ""},
+    };
+    for (size_t i = 0; i < std::size(answers); ++i)
+        EXPECT_EQ(answers[i].first, answers[i].second) << "answer " << i;
 }
 
 TEST_F(StateTest, DspNamesStayWhereNoLaterListReplacesThem)
@@ -164,8 +202,9 @@ TEST_F(StateTest, DspNamesStayWhereNoLaterListReplacesThem)
     rfSystemInfo own; // its own name table
     writeDeviceFile(dspNames, "3\nA\nB\nC\n");
     EXPECT_EQ(own.checkDspString(1), "B");
-    for (const char *unusable : {"0\nX\nY\n", "-2\nX\n", "three\nX\n"}) {
+    for (const char *unusable : {"0\nX\nY\n", "-2\nX\n", "three\nX\n", "2abc\nX\nY\n", "2.0\nX\nY\n"}) {
         writeDeviceFile(dspNames, unusable);
+        EXPECT_EQ(own.getDspActiveCount(), 3) << unusable;
         EXPECT_EQ(own.checkDspString(1), "B") << unusable;
     }
     std::string list = "40\n";
@@ -177,4 +216,11 @@ TEST_F(StateTest, DspNamesStayWhereNoLaterListReplacesThem)
     writeDeviceFile(dspNames, "1\nnew\n");
     EXPECT_EQ(own.checkDspString(0), "new");
     EXPECT_EQ(own.dspNames[1], "dsp1") << "a shorter list rewrites only its own entries";
+    writeDeviceFile(dspNames, "3\nonly\n");
+    EXPECT_EQ(own.checkDspString(1), "") << "a counted entry past the file's end is stored empty";
+    EXPECT_EQ(own.dspNames[2], "");
+    writeDeviceFile(dspNames, "3\nA\nB\nC\n");
+    EXPECT_EQ(own.checkDspString(1), "B");
+    fs::remove(dspNames);
+    EXPECT_EQ(own.checkDspString(1), "") << "no name file, no name";
 }
