@@ -7,6 +7,7 @@
 #include <QTextStream>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include <fcntl.h>
@@ -32,6 +33,30 @@ QString textUpToNul(const QByteArray &bytes)
     return textUpToNul(bytes.constData(), bytes.size());
 }
 
+std::optional<QByteArray> readDeviceBytes(const char *path, bool firstLineOnly)
+{
+    const int fd = paths::openRegularFile(path);
+    if (fd < 0)
+        return std::nullopt;
+    QByteArray bytes;
+    char buffer[16384];
+    for (;;) {
+        const ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            break;
+        const void *lineEnd = firstLineOnly ? std::memchr(buffer, '\n', static_cast<size_t>(count)) : nullptr;
+        if (lineEnd) {
+            bytes.append(buffer, static_cast<int>(static_cast<const char *>(lineEnd) - buffer + 1));
+            break;
+        }
+        bytes.append(buffer, static_cast<int>(count));
+    }
+    ::close(fd);
+    return bytes;
+}
+
 bool exists(const QString &path)
 {
     return QFile::exists(path);
@@ -55,8 +80,32 @@ bool openForReading(QFile &file, QIODevice::OpenMode mode)
     return true;
 }
 
+namespace {
+
+// UTF-8, UTF-16 and UTF-32 byte order marks all start with one of these bytes.
+bool startsWithByteOrderMark(const QByteArray &bytes)
+{
+    return !bytes.isEmpty() && (static_cast<unsigned char>(bytes[0]) >= 0xef || bytes[0] == '\0');
+}
+
+} // namespace
+
 std::optional<CountedList> readCountedList(const QString &path, int capacity)
 {
+    CountedList list;
+    // Only the count: one line read as bytes is the same text as through a QTextStream, unless the
+    // file starts with a byte order mark, which the stream would act on.
+    if (capacity == 0) {
+        std::optional<QByteArray> line = readDeviceBytes(QFile::encodeName(path).constData(), true);
+        if (!line)
+            return std::nullopt;
+        if (!startsWithByteOrderMark(*line)) {
+            if (line->endsWith('\n'))
+                line->chop(line->endsWith("\r\n") ? 2 : 1);
+            list.count = QString::fromUtf8(line->constData(), line->size()).toInt();
+            return list;
+        }
+    }
     QFile file(path);
     if (!openForReading(file))
         return std::nullopt;
@@ -64,7 +113,6 @@ std::optional<CountedList> readCountedList(const QString &path, int capacity)
     // The lists are written in UTF-8 whatever the caller's locale; looked up once, not per call.
     static QTextCodec *const utf8 = QTextCodec::codecForMib(106);
     stream.setCodec(utf8);
-    CountedList list;
     list.count = stream.readLine().toInt();
     const int kept = std::clamp(list.count, 0, capacity);
     list.entries.reserve(static_cast<size_t>(kept));

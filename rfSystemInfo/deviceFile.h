@@ -38,6 +38,10 @@ bool exists(const QString &path);
 // Whether `path` leads to a regular file (links followed).
 bool isRegularFile(const QString &path);
 
+// The bytes of the regular file at `path`: all of them, or (`firstLineOnly`) up to and including the
+// first line feed. std::nullopt when it does not open or is not a regular file.
+std::optional<QByteArray> readDeviceBytes(const char *path, bool firstLineOnly);
+
 // Opens a device file for reading; false when it does not open or is not a regular file. Reads then
 // never block and end at the file's size.
 bool openForReading(QFile &file, QIODevice::OpenMode mode = QIODevice::ReadOnly);
