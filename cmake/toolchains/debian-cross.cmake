@@ -26,6 +26,9 @@ if(RFSI_LINK_FOR_EMULATION)
     # DT_RUNPATH, so that it also serves the libraries' own dependencies (Qt's zlib, ICU, ...).
     set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--dynamic-linker=${RFSI_TARGET_SYSROOT}${RFSI_TARGET_LOADER} \
 -Wl,--disable-new-dtags -Wl,-rpath,${target_libraries} -Wl,-rpath-link,${target_libraries}")
+    # Our libraries too: a DT_RUNPATH of theirs would hide the program's path from their own
+    # dependencies (libgcc_s for a program that does not load it first).
+    string(APPEND CMAKE_SHARED_LINKER_FLAGS_INIT " -Wl,--disable-new-dtags -Wl,-rpath,${target_libraries}")
 else()
     # For the instrument: its own loader and libraries, found where the system keeps them.
     set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${target_libraries}")
