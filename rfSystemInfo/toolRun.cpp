@@ -112,7 +112,8 @@ void childSyscallOrExit(long result, const ChildSetup &setup)
     childSyscallOrExit(errors, setup);
     childSyscallOrExit(::syscall(SYS_dup3, errors, STDERR_FILENO, 0), setup);
     // Everything from 3 on but the error pipe, which closes with the exec.
-    childSyscallOrExit(::syscall(SYS_close_range, STDERR_FILENO + 1, setup.errorFd - 1, 0), setup);
+    if (setup.errorFd > STDERR_FILENO + 1)
+        childSyscallOrExit(::syscall(SYS_close_range, STDERR_FILENO + 1, setup.errorFd - 1, 0), setup);
     childSyscallOrExit(::syscall(SYS_close_range, setup.errorFd + 1, ~0U, 0), setup);
     childSyscallOrExit(::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &emptySignalSet, nullptr, kernelSignalSetSize),
                        setup);
@@ -148,6 +149,14 @@ struct Child
     bool quiet = false;
 };
 
+// Whether the kernel has close_range (Linux 5.9), which the child needs; asked once with a range
+// that holds no descriptor.
+bool kernelClosesRanges()
+{
+    static const bool available = ::syscall(SYS_close_range, ~0U, ~0U, 0) == 0;
+    return available;
+}
+
 // Starts the program with clone: no exit signal, a pidfd, and the caller's memory shared until the
 // exec, as posix_spawn does. -1 with errno when this way is not available (kernels before 5.9,
 // emulators that cannot share memory with a child or give it no exit signal).
@@ -160,6 +169,10 @@ pid_t startQuietly(const ChildSetup &setup, int &endFd)
     errno = ENOSYS;
     return -1;
 #else
+    if (!kernelClosesRanges()) {
+        errno = ENOSYS;
+        return -1;
+    }
     constexpr std::size_t stackSize = 64 * 1024;
     void *stack = ::mmap(nullptr, stackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
     if (stack == MAP_FAILED)
