@@ -151,7 +151,7 @@ struct Child
 
 // Whether the kernel has close_range (Linux 5.9), which the child needs; asked once with a range
 // that holds no descriptor.
-bool kernelClosesRanges()
+[[maybe_unused]] bool kernelClosesRanges()
 {
     static const bool available = ::syscall(SYS_close_range, ~0U, ~0U, 0) == 0;
     return available;
