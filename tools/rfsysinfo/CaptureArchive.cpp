@@ -12,6 +12,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cmath>
 #include <iterator>
 #include <memory>
 
@@ -24,6 +25,8 @@ constexpr char formatName[] = "rfsysinfo-capture";
 // What a whole capture unpacks to at most: the files, the manifest and tar's own headers.
 constexpr qint64 streamCap = captureTotalCap + manifestCap + (1 << 20);
 constexpr int readBlock = 65536;
+// The latest modification time a manifest may record: the end of the year 9999.
+constexpr qint64 latestTime = 253402300799;
 
 using ArchivePointer = std::unique_ptr<archive, int (*)(archive *)>;
 using EntryPointer = std::unique_ptr<archive_entry, void (*)(archive_entry *)>;
@@ -40,8 +43,9 @@ QString mebibytes(qint64 bytes)
 
 // --- writing ---
 
-QJsonObject manifestJson(const DeviceState &state, const CaptureHeader &header)
+QJsonObject manifestJson(const DeviceState &state)
 {
+    const CaptureOrigin &origin = state.origin;
     QJsonObject paths;
     for (const DeviceNode &file : state.files) {
         QJsonObject node{{"kind", nodeKindName(file.kind)}};
@@ -59,17 +63,22 @@ QJsonObject manifestJson(const DeviceState &state, const CaptureHeader &header)
     for (const IdentityAnswer &answer : state.answers)
         answers.append(
             QJsonObject{{"program", answer.program}, {"argument", answer.argument}, {"output", answer.output}});
-    return {
+    QJsonObject manifest{
         {"format", formatName},
         {"formatVersion", captureFormatVersion},
-        {"toolVersion", header.toolVersion},
-        {"captured", header.captured.toUTC().toString(Qt::ISODate)},
-        {"source", header.sourceTree.isEmpty() ? "instrument" : "tree"},
-        {"sourceTree", header.sourceTree.isEmpty() ? QJsonValue() : QJsonValue(header.sourceTree)},
-        {"sanitized", header.sanitized},
+        {"toolVersion", origin.toolVersion},
+        {"captured", origin.captured.toUTC().toString(Qt::ISODate)},
+        {"source", origin.sourceTree.isEmpty() ? "instrument" : "tree"},
+        {"sourceTree", origin.sourceTree.isEmpty() ? QJsonValue() : QJsonValue(origin.sourceTree)},
+        {"sanitized", origin.sanitized},
         {"paths", paths},
         {"identity", QJsonObject{{"toolsAsked", state.toolsAsked}, {"tools", tools}, {"answers", answers}}},
     };
+    if (origin.software)
+        manifest.insert("software", QJsonObject{{"firmwareVersion", origin.software->firmwareVersion},
+                                                {"uiVersion", origin.software->uiVersion},
+                                                {"rfSerial", origin.software->rfSerial}});
+    return manifest;
 }
 
 la_ssize_t appendToByteArray(archive *, void *target, const void *data, size_t size)
@@ -78,7 +87,7 @@ la_ssize_t appendToByteArray(archive *, void *target, const void *data, size_t s
     return static_cast<la_ssize_t>(size);
 }
 
-void addEntry(archive *writer, const QString &name, const QByteArray &content, qint64 modified)
+bool addEntry(archive *writer, const QString &name, const QByteArray &content, qint64 modified)
 {
     const EntryPointer entry(archive_entry_new(), archive_entry_free);
     archive_entry_set_pathname(entry.get(), name.toUtf8().constData());
@@ -90,8 +99,8 @@ void addEntry(archive *writer, const QString &name, const QByteArray &content, q
     archive_entry_set_gname(entry.get(), "root");
     archive_entry_set_mtime(entry.get(), static_cast<time_t>(modified), 0);
     archive_entry_set_size(entry.get(), content.size());
-    archive_write_header(writer, entry.get());
-    archive_write_data(writer, content.constData(), static_cast<size_t>(content.size()));
+    return archive_write_header(writer, entry.get()) == ARCHIVE_OK &&
+           archive_write_data(writer, content.constData(), static_cast<size_t>(content.size())) == content.size();
 }
 
 // --- reading ---
@@ -194,11 +203,14 @@ public:
         const QJsonObject manifest = document.object();
         if (manifest.value("format") != QLatin1String(formatName))
             return refuse(refusal, QStringLiteral("does not name the format \"%1\"").arg(formatName));
-        if (manifest.value("formatVersion") != captureFormatVersion)
-            return refuse(refusal, QStringLiteral("has format version %1; this rfsysinfo reads version %2")
-                                       .arg(manifest.value("formatVersion").toVariant().toString())
+        const QJsonValue version = manifest.value("formatVersion");
+        if (version != 1 && version != captureFormatVersion)
+            return refuse(refusal, QStringLiteral("has format version %1; this rfsysinfo reads versions 1 to %2")
+                                       .arg(version.toVariant().toString())
                                        .arg(captureFormatVersion));
         DeviceState state;
+        if (!readOrigin(manifest, version == captureFormatVersion, state.origin))
+            return refuse(refusal, QStringLiteral("has no valid tool version, time, source or software record"));
         const QJsonObject paths = manifest.value("paths").toObject();
         if (QStringList(paths.keys()) != capturedFilePaths())
             return refuse(refusal, QStringLiteral("does not list exactly the paths a capture holds"));
@@ -208,22 +220,19 @@ public:
             if (!nodeKindFromName(recorded.value("kind").toString(), node.kind))
                 return refuse(refusal, QStringLiteral("gives %1 no known kind").arg(path));
             if (node.kind == NodeKind::File) {
-                const QJsonValue size = recorded.value("size");
-                if (!size.isDouble() || size.toDouble() < 0 || size.toDouble() > captureFileCap ||
-                    !recorded.value("modified").isDouble() || !recorded.value("truncated").isBool())
+                const std::optional<qint64> size = wholeNumber(recorded.value("size"), captureFileCap);
+                const std::optional<qint64> modified = wholeNumber(recorded.value("modified"), latestTime);
+                if (!size || !modified || !recorded.value("truncated").isBool())
                     return refuse(refusal,
                                   QStringLiteral("gives the file %1 no valid size, time or truncation").arg(path));
-                node.modified = static_cast<qint64>(recorded.value("modified").toDouble());
+                node.modified = *modified;
                 node.truncated = recorded.value("truncated").toBool();
-                expectedSizes.insert(entryName(path), static_cast<qint64>(size.toDouble()));
+                expectedSizes.insert(entryName(path), *size);
             }
             state.files << node;
         }
         if (!readIdentity(manifest.value("identity").toObject(), state))
             return refuse(refusal, QStringLiteral("has no valid identity record"));
-        if (!manifest.value("sanitized").isBool())
-            return refuse(refusal, QStringLiteral("does not say whether it is sanitized"));
-        state.sanitized = manifest.value("sanitized").toBool();
         return state;
     }
 
@@ -235,6 +244,37 @@ private:
     {
         refusal = QStringLiteral("the manifest %1 %2").arg(manifestName, reason);
         return std::nullopt;
+    }
+
+    // A whole number from 0 to `highest`; a JSON number is a double, so 1e300 or 2.5 is refused here.
+    static std::optional<qint64> wholeNumber(const QJsonValue &value, qint64 highest)
+    {
+        const double number = value.toDouble(-1);
+        if (!value.isDouble() || number < 0 || number > static_cast<double>(highest) || number != std::floor(number))
+            return std::nullopt;
+        return static_cast<qint64>(number);
+    }
+
+    static bool readOrigin(const QJsonObject &manifest, bool withSoftware, CaptureOrigin &origin)
+    {
+        const QJsonValue tree = manifest.value("sourceTree");
+        origin.toolVersion = manifest.value("toolVersion").toString();
+        origin.captured = QDateTime::fromString(manifest.value("captured").toString(), Qt::ISODate);
+        origin.sourceTree = tree.toString();
+        origin.sanitized = manifest.value("sanitized").toBool();
+        const bool valid = !origin.toolVersion.isEmpty() && origin.captured.isValid() &&
+                           (tree.isNull() || (tree.isString() && !origin.sourceTree.isEmpty())) &&
+                           manifest.value("sanitized").isBool();
+        if (!valid || !withSoftware)
+            return valid;
+        const QJsonObject software = manifest.value("software").toObject();
+        for (const char *key : {"firmwareVersion", "uiVersion", "rfSerial"})
+            if (!software.value(QLatin1String(key)).isString())
+                return false;
+        origin.software = InstrumentSoftware{software.value("firmwareVersion").toString(),
+                                             software.value("uiVersion").toString(),
+                                             software.value("rfSerial").toString()};
+        return true;
     }
 
     static bool readIdentity(const QJsonObject &identity, DeviceState &state)
@@ -380,23 +420,29 @@ private:
 
 } // namespace
 
-QByteArray captureArchive(const DeviceState &state, const CaptureHeader &header)
+std::optional<QByteArray> captureArchive(const DeviceState &state, QString &error)
 {
     QByteArray archiveBytes;
     const ArchivePointer writer(archive_write_new(), archive_write_free);
-    archive_write_add_filter_gzip(writer.get());
+    auto failed = [&writer, &error](const char *step) {
+        error = QStringLiteral("cannot %1 the capture archive: %2").arg(step, archive_error_string(writer.get()));
+        return std::nullopt;
+    };
     // No time in the gzip header: two captures of an unchanged device differ only in the manifest.
-    archive_write_set_filter_option(writer.get(), "gzip", "timestamp", nullptr);
-    archive_write_set_format_pax_restricted(writer.get());
-    archive_write_set_bytes_in_last_block(writer.get(), 1);
-    archive_write_open(writer.get(), &archiveBytes, nullptr, appendToByteArray, nullptr);
-
-    const QByteArray manifest = QJsonDocument(manifestJson(state, header)).toJson();
-    addEntry(writer.get(), QLatin1String(manifestName), manifest, header.captured.toSecsSinceEpoch());
+    if (archive_write_add_filter_gzip(writer.get()) != ARCHIVE_OK ||
+        archive_write_set_filter_option(writer.get(), "gzip", "timestamp", nullptr) != ARCHIVE_OK ||
+        archive_write_set_format_pax_restricted(writer.get()) != ARCHIVE_OK ||
+        archive_write_set_bytes_in_last_block(writer.get(), 1) != ARCHIVE_OK ||
+        archive_write_open(writer.get(), &archiveBytes, nullptr, appendToByteArray, nullptr) != ARCHIVE_OK)
+        return failed("start");
+    const QByteArray manifest = QJsonDocument(manifestJson(state)).toJson();
+    if (!addEntry(writer.get(), QLatin1String(manifestName), manifest, state.origin.captured.toSecsSinceEpoch()))
+        return failed("write the manifest into");
     for (const DeviceNode &file : state.files) // sorted by path
-        if (file.kind == NodeKind::File)
-            addEntry(writer.get(), entryName(file.path), file.content, file.modified);
-    archive_write_close(writer.get());
+        if (file.kind == NodeKind::File && !addEntry(writer.get(), entryName(file.path), file.content, file.modified))
+            return failed("write a file into");
+    if (archive_write_close(writer.get()) != ARCHIVE_OK)
+        return failed("finish");
     return archiveBytes;
 }
 

@@ -7,26 +7,19 @@
 #include "DeviceState.h"
 
 #include <QByteArray>
-#include <QDateTime>
 #include <QString>
 
 #include <optional>
 
-struct CaptureHeader
-{
-    QString toolVersion;
-    QDateTime captured;
-    QString sourceTree; // empty: captured on this instrument
-    bool sanitized = false;
-};
-
-// The manifest's name and the one format version this tool writes and reads.
+// The manifest's name and the format version this tool writes. It reads version 1 too, which did not
+// record the instrument's software.
 inline constexpr char manifestName[] = "capture.json";
-inline constexpr int captureFormatVersion = 1;
+inline constexpr int captureFormatVersion = 2;
 // The manifest is small; anything larger is no manifest of ours.
 constexpr qint64 manifestCap = 1 << 20;
 
-QByteArray captureArchive(const DeviceState &state, const CaptureHeader &header);
+// The archive of `state`, made as its origin says; nothing (with `error`) when libarchive fails.
+std::optional<QByteArray> captureArchive(const DeviceState &state, QString &error);
 
 // Reads a capture archive from `fd`. An archive is untrusted input: anything a capture does not
 // write is refused, with a one-line reason that names the entry, before anything is put anywhere.

@@ -89,6 +89,28 @@ DeviceNode readNode(const QString &path, qint64 copyLimit)
     return node;
 }
 
+// The inventory file with the value of each serial key replaced, and every other value that is one of
+// `serials` as a whole, whatever section it stands in; every other byte, line ends included, as it was.
+QByteArray withSerialValuesReplaced(const QByteArray &inventory, const QStringList &serials,
+                                    const QByteArray &placeholder)
+{
+    static const QByteArray serialKeys[] = {"DPB_SerialNumber", "DPB_ParentSerialNumber", "TOP_ProductSerialNumber"};
+    QList<QByteArray> lines = inventory.split('\n');
+    for (QByteArray &line : lines) {
+        const int equals = line.indexOf('=');
+        if (equals < 0)
+            continue;
+        const bool serialKey = std::find(std::begin(serialKeys), std::end(serialKeys), line.left(equals).trimmed()) !=
+                               std::end(serialKeys);
+        QByteArray value = line.mid(equals + 1).trimmed();
+        if (value.size() >= 2 && value.startsWith('"') && value.endsWith('"'))
+            value = value.mid(1, value.size() - 2);
+        if (serialKey || serials.contains(QString::fromUtf8(value)))
+            line = line.left(equals + 1) + placeholder + (line.endsWith('\r') ? "\r" : "");
+    }
+    return lines.join('\n');
+}
+
 bool fail(QString &error, const QString &what, const std::string &path)
 {
     error = QStringLiteral("cannot %1 %2: %3").arg(what, QString::fromStdString(path), std::strerror(errno));
@@ -200,6 +222,8 @@ DeviceState readDeviceState(rfSystemInfo &info, bool askTools)
     for (const QString &tool : identityToolPaths())
         state.tools << readNode(tool, -1);
     state.toolsAsked = askTools;
+    state.origin.software =
+        InstrumentSoftware{info.checkSystemFirmwareVersion(), info.checkSystemUIVersion(), info.checkSystemRfSerial()};
     if (askTools) {
         for (const char *tool : rfsi::paths::identityTools)
             for (const char *field : rfsi::paths::identityFields)
@@ -208,17 +232,26 @@ DeviceState readDeviceState(rfSystemInfo &info, bool askTools)
     return state;
 }
 
-void replaceSerials(DeviceState &state, QStringList serials, const QString &placeholder)
+void replaceSerials(DeviceState &state, const QStringList &serials, const QString &placeholder)
 {
-    // Longest first, so that a serial that contains another is replaced whole.
-    std::sort(serials.begin(), serials.end(), [](const QString &a, const QString &b) { return a.size() > b.size(); });
-    const QByteArray replacement = placeholder.toUtf8();
     for (DeviceNode &file : state.files)
-        for (const QString &serial : serials)
-            file.content.replace(serial.toUtf8(), replacement);
+        if (file.path == QLatin1String(rfsi::paths::inventoryInfo))
+            file.content = withSerialValuesReplaced(file.content, serials, placeholder.toUtf8());
     for (IdentityAnswer &answer : state.answers)
-        for (const QString &serial : serials)
-            answer.output.replace(serial, placeholder);
+        if ((answer.argument == QLatin1String(rfsi::paths::productSerialField) && !answer.output.trimmed().isEmpty()) ||
+            serials.contains(answer.output.trimmed()))
+            answer.output = placeholder;
+    if (state.origin.software && serials.contains(state.origin.software->rfSerial))
+        state.origin.software->rfSerial = placeholder;
+}
+
+QStringList DeviceState::truncatedFiles() const
+{
+    QStringList paths;
+    for (const DeviceNode &file : files)
+        if (file.truncated)
+            paths << file.path;
+    return paths;
 }
 
 bool applyDeviceState(const DeviceState &state, QString &error)

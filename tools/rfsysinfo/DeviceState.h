@@ -5,9 +5,12 @@
 #define RFSYSINFO_DEVICESTATE_H
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QString>
 #include <QStringList>
 #include <QVector>
+
+#include <optional>
 
 class rfSystemInfo;
 
@@ -35,13 +38,33 @@ struct IdentityAnswer
     QString output; // as the command runner returned it
 };
 
+// What the report shows that comes from the instrument's software rather than its files: a replay
+// must show the instrument's, not those of the machine it runs on.
+struct InstrumentSoftware
+{
+    QString firmwareVersion, uiVersion, rfSerial;
+};
+
+// Where and when a capture was made.
+struct CaptureOrigin
+{
+    QString toolVersion; // of the rfsysinfo (and library) that made it
+    QDateTime captured;
+    QString sourceTree; // empty: captured on the instrument itself
+    bool sanitized = false;
+    std::optional<InstrumentSoftware> software; // captures of format 1 have none
+};
+
 struct DeviceState
 {
     QVector<DeviceNode> files; // every file the library and the stand-ins read, sorted by path
     QVector<DeviceNode> tools; // the identity tools' paths: their kind only, never their bytes
     bool toolsAsked = false;   // whether the identity tools were run for the answers
     QVector<IdentityAnswer> answers;
-    bool sanitized = false; // read from a capture whose serial numbers were replaced
+    CaptureOrigin origin;
+
+    // The paths of the files the capture cut at captureFileCap (or at the total cap).
+    QStringList truncatedFiles() const;
 };
 
 // How much of a device a capture takes: per file, and in all.
@@ -57,8 +80,10 @@ QStringList identityToolPaths();
 // blocking, checked as opened) and within the caps; runs the identity tools when `askTools`.
 DeviceState readDeviceState(rfSystemInfo &info, bool askTools);
 
-// Replaces every serial number in the copied bytes and in the recorded answers.
-void replaceSerials(DeviceState &state, QStringList serials, const QString &placeholder);
+// Replaces the serial numbers where they stand as whole values: the values of the inventory file's
+// serial keys and its other values that are one of `serials`, and the identity tools' answers that are
+// one of them (the serial field's answer always). Nothing else of the copied files is touched.
+void replaceSerials(DeviceState &state, const QStringList &serials, const QString &placeholder);
 
 // Inside a private device root: makes every fixed path hold what `state` recorded, and lets the
 // identity tools answer what they answered (when they were asked) through a replay program of this

@@ -1,10 +1,7 @@
 #include "MetricsOutput.h"
 
-#include "ReportFacts.h"
 
 #include <QDateTime>
-#include <QJsonArray>
-#include <QJsonObject>
 #include <QLocale>
 
 #include <algorithm>
@@ -63,98 +60,90 @@ private:
     QString current;
 };
 
-QString textOf(const QVector<ReportSection> &report, const QString &path)
+void identityAndInventory(const Report &report, Families &out)
 {
-    return reportValue(report, path).toString();
-}
-
-void identityAndInventory(const QVector<ReportSection> &report, Families &out)
-{
+    const Identity &identity = report.identity;
     out.family("identity_info", "The product's identity as the library answers it; the value is always 1.");
-    out.sample(1, {{"model", textOf(report, "identity/model")},
-                   {"serial_number", textOf(report, "identity/serialNumber")},
-                   {"firmware_version", textOf(report, "identity/firmwareVersion")},
-                   {"ui_version", textOf(report, "identity/uiVersion")},
-                   {"rf_serial", textOf(report, "identity/rfSerial")}});
+    out.sample(1, {{"model", identity.model},
+                   {"serial_number", identity.serialNumber},
+                   {"firmware_version", identity.firmwareVersion},
+                   {"ui_version", identity.uiVersion},
+                   {"rf_serial", identity.rfSerial}});
     out.family("identity_tools_run", "Whether the identity tools were run for this report (1) or not (0).");
-    out.sample(reportValue(report, "identity/identityToolsRun").toBool());
+    out.sample(identity.toolsRun);
     out.family("inventory_info", "The board inventory, one label a value, with its markers; the value is always 1.");
     Labels inventory;
-    const QJsonObject values = reportValue(report, "inventory").toObject();
-    for (auto value = values.begin(); value != values.end(); ++value)
-        inventory.push_back({labelName(value.key()), value.value().toString()});
+    for (const InventoryValue &value : report.inventory)
+        inventory.push_back({labelName(value.key), value.text});
+    std::sort(inventory.begin(), inventory.end());
     out.sample(1, inventory);
-    if (const std::optional<double> critical = criticalTemperatureOf(report)) {
-        out.family("critical_temperature_celsius", "The DPB's critical temperature, from the inventory.");
-        out.sample(*critical);
-    }
 }
 
-void rfAndFpga(const QVector<ReportSection> &report, Families &out)
+void rfAndFpga(const Report &report, Families &out)
 {
     out.family("rf_revision_info", "The RF revision summary and each module's revision text; the value is always 1.");
-    out.sample(1, {{"summary", textOf(report, "rf/summary")},
-                   {"yro", textOf(report, "rf/yro/text")},
-                   {"mixer", textOf(report, "rf/mixer/text")},
-                   {"dnc", textOf(report, "rf/dnc/text")}});
+    Labels texts{{"summary", report.rf.summary}};
+    for (const RfModule &module : report.rf.modules)
+        texts.push_back({module.key, module.text});
+    out.sample(1, texts);
     out.family("rf_module_revision", "Each RF module's hardware revision as a whole number.");
-    for (const char *module : {"yro", "mixer", "dnc"})
-        out.sample(reportValue(report, QStringLiteral("rf/%1/revision").arg(module)).toInt(),
-                   {{"module", QLatin1String(module)}});
+    for (const RfModule &module : report.rf.modules)
+        out.sample(module.revision, {{"module", module.key}});
     out.family("board_description_loaded", "Whether the board description loaded (1) or not (0).");
-    out.sample(reportValue(report, "fpga/boardDescriptionLoaded").toBool());
+    out.sample(report.fpga.boardDescriptionLoaded);
     out.family("fpga_bank_info", "Each FPGA bank's version text (1000: none); the value is always 1.");
-    for (int bank = 0; bank < 15; ++bank)
-        out.sample(1, {{"bank", QString::number(bank)},
-                       {"version", textOf(report, QStringLiteral("fpga/banks/FPGA_BANK_%1_VER").arg(bank))}});
+    for (int bank = 0; bank < report.fpga.banks.size(); ++bank)
+        out.sample(1, {{"bank", QString::number(bank)}, {"version", report.fpga.banks[bank].version}});
 }
 
-void images(const QVector<ReportSection> &report, Families &out)
+void images(const Report &report, Families &out)
 {
-    for (const char *section : {"dsp", "cpri"}) {
-        const bool cpri = QLatin1String(section) == QLatin1String("cpri");
+    for (const bool cpri : {false, true}) {
+        const DspImages &images = cpri ? report.cpri : report.dsp;
         out.family(cpri ? "cpri_dsp_active" : "dsp_active",
                    cpri ? "The number of active CPRI DSPs." : "The number of active DSPs.");
-        out.sample(reportValue(report, QLatin1String(section) + "/activeCount").toInt());
+        out.sample(images.activeCount);
         out.family(cpri ? "cpri_dsp_image_info" : "dsp_image_info",
                    cpri ? "Each active CPRI DSP's image name and version; the value is always 1."
                         : "Each active DSP's image name and version; the value is always 1.");
-        for (const QJsonValue &value : reportValue(report, QLatin1String(section) + "/images").toArray()) {
-            const QJsonObject image = value.toObject();
-            out.sample(1, {{"index", QString::number(image.value("index").toInt())},
-                           {"name", image.value("name").toString()},
-                           {"version", image.value("version").toString()}});
-        }
+        for (const DspImage &image : images.images)
+            out.sample(1, {{"index", QString::number(image.index)}, {"name", image.name}, {"version", image.version}});
     }
 }
 
-void temperaturesAndCalibration(const QVector<ReportSection> &report, Families &out)
+void temperatures(const Report &report, const CheckOptions &options, Families &out)
 {
+    if (const std::optional<TemperatureLimit> limit = temperatureLimit(report, options)) {
+        out.family("critical_temperature_celsius",
+                   "The critical temperature the check judges by, from the inventory or from --critical-temperature.");
+        out.sample(limit->celsius, {{"source", QLatin1String(limit->source)}});
+    }
     out.family("temperature_celsius", "Each DPB sensor's temperature; a sensor without a reading is left out.");
-    for (const TemperatureReading &reading : temperatureReadingsOf(report))
+    for (const TemperatureReading &reading : report.temperature.readings)
         if (reading.celsius)
             out.sample(*reading.celsius, {{"sensor", reading.sensor}});
-    const QVector<CalibrationFile> files = calibrationFilesOf(report);
-    out.family("calibration_file_present", "Whether each calibration file is present (1) or missing (0).");
-    for (const CalibrationFile &file : files)
-        out.sample(file.present, {{"file", file.path}});
-    out.family("calibration_date_seconds",
-               "The date a dated calibration file's first line begins with, as Unix time (midnight UTC).");
-    for (const CalibrationFile &file : files)
-        if (const std::optional<QDate> date = file.readable ? leadingDate(file.firstLine) : std::nullopt)
-            out.sample(static_cast<double>(QDateTime(*date, QTime(0, 0), Qt::UTC).toSecsSinceEpoch()),
-                       {{"file", file.path}});
 }
 
-} // namespace
-
-QByteArray metricsReport(const QVector<ReportSection> &report, const QVector<Finding> &findings, bool strict)
+void calibration(const Report &report, Families &out)
 {
-    Families out;
-    identityAndInventory(report, out);
-    rfAndFpga(report, out);
-    images(report, out);
-    temperaturesAndCalibration(report, out);
+    out.family("calibration_file_present", "Whether each calibration file is present (1) or missing (0).");
+    for (const CalibrationEntry &entry : report.calibration)
+        for (const CalibrationFile &file : entry.files)
+            out.sample(file.present, {{"file", file.path}});
+    out.family("calibration_date_seconds",
+               "The date a dated calibration file's first line begins with, as Unix time (midnight UTC).");
+    for (const CalibrationEntry &entry : report.calibration)
+        for (const CalibrationFile &file : entry.files)
+            if (const std::optional<QDate> date = file.readable ? leadingDate(file.firstLine) : std::nullopt)
+                out.sample(static_cast<double>(QDateTime(*date, QTime(0, 0), Qt::UTC).toSecsSinceEpoch()),
+                           {{"file", file.path}});
+}
+
+void check(const QVector<Finding> &findings, bool strict, Families &out)
+{
+    out.family("check_finding", "Each finding of the check, by its id and severity; the value is always 1.");
+    for (const Finding &finding : findings)
+        out.sample(1, {{"id", finding.id}, {"severity", QLatin1String(finding.error ? "error" : "warning")}});
     out.family("check_findings", "The check's findings by severity.");
     for (bool error : {true, false})
         out.sample(
@@ -162,5 +151,20 @@ QByteArray metricsReport(const QVector<ReportSection> &report, const QVector<Fin
             {{"severity", QLatin1String(error ? "error" : "warning")}});
     out.family("check_ok", "Whether the check passes (1) or fails (0).");
     out.sample(checkPasses(findings, strict));
+}
+
+} // namespace
+
+QByteArray metricsReport(const Report &report, const QVector<Finding> &findings, const CheckOptions &options)
+{
+    Families out;
+    identityAndInventory(report, out);
+    rfAndFpga(report, out);
+    images(report, out);
+    temperatures(report, options, out);
+    calibration(report, out);
+    check(findings, options.strict, out);
+    out.family("report_timestamp_seconds", "When this report was collected, as Unix time.");
+    out.sample(static_cast<double>(report.collected.toSecsSinceEpoch()));
     return out.text.toUtf8();
 }

@@ -5,10 +5,9 @@
 #define RFSYSINFO_METRICSOUTPUT_H
 
 #include "ReportCheck.h"
-#include "SystemReport.h"
 
 #include <QByteArray>
 
-QByteArray metricsReport(const QVector<ReportSection> &report, const QVector<Finding> &findings, bool strict);
+QByteArray metricsReport(const Report &report, const QVector<Finding> &findings, const CheckOptions &options);
 
 #endif // RFSYSINFO_METRICSOUTPUT_H

@@ -7,13 +7,16 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-QString systemError(const QString &what, const QString &path)
+// A reason, without the target: the caller names it.
+QString systemError(const char *what)
 {
-    return QStringLiteral("cannot %1 %2: %3").arg(what, path, std::strerror(errno));
+    return *what ? QStringLiteral("%1: %2").arg(QLatin1String(what), std::strerror(errno))
+                 : QString::fromLocal8Bit(std::strerror(errno));
 }
 
 bool writeAll(int fd, const QByteArray &content)
@@ -30,15 +33,38 @@ bool writeAll(int fd, const QByteArray &content)
     return true;
 }
 
+// Why `name` in `folderFd` must not be replaced; empty when it is a regular file or there is none.
+QString targetRefusal(int folderFd, const QByteArray &name)
+{
+    struct stat info;
+    if (::fstatat(folderFd, name.constData(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+        return {};
+    if (S_ISREG(info.st_mode))
+        return {};
+    const char *kind = S_ISLNK(info.st_mode)                              ? "a symbolic link"
+                       : S_ISDIR(info.st_mode)                            ? "a folder"
+                       : S_ISFIFO(info.st_mode)                           ? "a FIFO"
+                       : S_ISSOCK(info.st_mode)                           ? "a socket"
+                       : S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode) ? "a device"
+                                                                          : "no regular file";
+    return QStringLiteral("it is %1, not a regular file; left as it is").arg(QLatin1String(kind));
+}
+
 } // namespace
 
-OutputFile::OutputFile(const QString &path) : path(path)
+OutputFile::OutputFile(const QString &path)
 {
     const QFileInfo target(path);
     name = QFile::encodeName(target.fileName());
+    if (name.isEmpty() || name == "." || name == "..") {
+        error = QStringLiteral("it names a folder, not a file");
+        return;
+    }
     folderFd = ::open(QFile::encodeName(target.absolutePath()).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (name.isEmpty() || folderFd < 0)
-        error = systemError(QStringLiteral("write to the folder of"), path);
+    if (folderFd < 0)
+        error = systemError("its folder cannot be opened");
+    else
+        error = targetRefusal(folderFd, name);
 }
 
 OutputFile::~OutputFile()
@@ -52,18 +78,25 @@ bool OutputFile::write(const QByteArray &content, QString &writeError)
     const QByteArray temporary = "." + name + ".tmp-" + QByteArray::number(::getpid());
     const int fd = ::openat(folderFd, temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) {
-        writeError = systemError(QStringLiteral("create a temporary file beside"), path);
+        writeError = systemError("no temporary file can be made beside it");
         return false;
     }
     const bool written = writeAll(fd, content) && ::fsync(fd) == 0;
     const int savedErrno = errno;
     ::close(fd);
+    // Looked at again: the target may have been swapped for a link since it was opened.
+    const QString refusal = written ? targetRefusal(folderFd, name) : QString();
+    if (!refusal.isEmpty()) {
+        writeError = refusal;
+        ::unlinkat(folderFd, temporary.constData(), 0);
+        return false;
+    }
     if (!written || ::renameat(folderFd, temporary.constData(), folderFd, name.constData()) != 0) {
         if (written)
-            writeError = systemError(QStringLiteral("rename the temporary file to"), path);
+            writeError = systemError("the temporary file cannot take its place");
         else {
             errno = savedErrno;
-            writeError = systemError(QStringLiteral("write"), path);
+            writeError = systemError("");
         }
         ::unlinkat(folderFd, temporary.constData(), 0);
         return false;

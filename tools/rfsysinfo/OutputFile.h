@@ -1,5 +1,7 @@
 // A file that is written whole or not at all: the content goes to a temporary file beside the target,
-// which then takes the target's place in one rename, so that a reader never sees half of it.
+// which then takes the target's place in one rename, so that a reader never sees half of it. Only a
+// regular file is ever replaced: a target that is a symbolic link, a device, a FIFO, a socket or a
+// folder is refused and left as it is.
 #ifndef RFSYSINFO_OUTPUTFILE_H
 #define RFSYSINFO_OUTPUTFILE_H
 
@@ -10,19 +12,19 @@ class OutputFile
 {
 public:
     // Opens the target's folder now, so that the file can be written later from inside a private
-    // device root, where the folder is no longer reachable by its path.
+    // device root, where the folder is no longer reachable by its path; and refuses a target that is
+    // no regular file.
     explicit OutputFile(const QString &path);
     OutputFile(const OutputFile &) = delete;
     OutputFile &operator=(const OutputFile &) = delete;
     ~OutputFile();
 
-    // Empty when the folder opened.
+    // Empty when the folder opened and the target may be replaced.
     QString openError() const { return error; }
 
     bool write(const QByteArray &content, QString &writeError);
 
 private:
-    QString path;
     QByteArray name;
     int folderFd = -1;
     QString error;

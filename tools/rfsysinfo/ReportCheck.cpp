@@ -1,6 +1,6 @@
 #include "ReportCheck.h"
 
-#include "ReportFacts.h"
+#include "ReportOutput.h"
 #include "devicePaths.h"
 
 #include <QJsonArray>
@@ -10,122 +10,160 @@
 
 namespace {
 
-using rfsi::paths::fallbackModel;
-using rfsi::paths::fallbackSerial;
-constexpr char missingVersion[] = "1000";
+using namespace rfsi::paths;
 
 class Findings
 {
 public:
-    // One finding for `items` when there are any: "<what>: item, item".
-    void add(const char *id, bool error, const QString &what, const QStringList &items)
+    // One finding for `items` when there are any: "<what>: item, item", with `data` as its fields.
+    void add(const char *id, bool error, const QString &what, const QStringList &items, const QJsonObject &data)
     {
         if (!items.isEmpty())
-            list.push_back({QLatin1String(id), error, what + QStringLiteral(": ") + items.join(QStringLiteral(", "))});
+            list.push_back(
+                {QLatin1String(id), error, what + QStringLiteral(": ") + items.join(QStringLiteral(", ")), data});
+    }
+    // The common shape: the items are the data, under `field`.
+    void add(const char *id, bool error, const QString &what, const QStringList &items, const char *field)
+    {
+        add(id, error, what, items, QJsonObject{{QLatin1String(field), QJsonArray::fromStringList(items)}});
     }
     QVector<Finding> list;
 };
 
-void checkIdentity(const QVector<ReportSection> &report, Findings &findings)
+void checkCapture(const Report &report, Findings &findings)
+{
+    findings.add("capture.truncated", false,
+                 QStringLiteral("files cut short by the capture, what is reported of them cannot be trusted"),
+                 report.source.truncatedFiles, "files");
+}
+
+void checkIdentity(const Identity &identity, Findings &findings)
 {
     QStringList fallbacks;
-    if (reportValue(report, QStringLiteral("identity/model")) == QLatin1String(fallbackModel))
+    QJsonObject data;
+    if (identity.model == QLatin1String(fallbackModel)) {
         fallbacks << QStringLiteral("model %1").arg(fallbackModel);
-    if (reportValue(report, QStringLiteral("identity/serialNumber")) == QLatin1String(fallbackSerial))
+        data.insert("model", identity.model);
+    }
+    if (identity.serialNumber == QLatin1String(fallbackSerial)) {
         fallbacks << QStringLiteral("serial number %1").arg(fallbackSerial);
+        data.insert("serialNumber", identity.serialNumber);
+    }
     findings.add("identity.fallback", false, QStringLiteral("identity tools missing or silent, fallback used for"),
-                 fallbacks);
+                 fallbacks, data);
 }
 
-void checkInventory(const QVector<ReportSection> &report, Findings &findings)
+void checkInventory(const QVector<InventoryValue> &inventory, Findings &findings)
 {
     QStringList missing, keyless;
-    const QJsonObject inventory = reportValue(report, QStringLiteral("inventory")).toObject();
-    for (const QString &key : inventory.keys()) {
-        if (inventory.value(key) == QLatin1String("NONE"))
-            missing << key;
-        else if (inventory.value(key) == QLatin1String("r"))
-            keyless << key;
+    for (const InventoryValue &value : inventory) {
+        if (value.text == QLatin1String(marker::none))
+            missing << value.key;
+        else if (value.text == QLatin1String(marker::keyMissing))
+            keyless << value.key;
     }
-    findings.add("inventory.missing", true, QStringLiteral("inventory NONE (file missing or value empty)"), missing);
-    findings.add("inventory.key-missing", true, QStringLiteral("inventory r (key missing from the file)"), keyless);
+    findings.add("inventory.missing", true, QStringLiteral("inventory NONE (file missing or value empty)"), missing,
+                 "keys");
+    findings.add("inventory.key-missing", true, QStringLiteral("inventory r (key missing from the file)"), keyless,
+                 "keys");
 }
 
-void checkRfRevision(const QVector<ReportSection> &report, Findings &findings)
+void checkRfRevision(const RfModules &rf, Findings &findings)
 {
-    const QString summary = reportValue(report, QStringLiteral("rf/summary")).toString();
-    if (summary == QLatin1String("NONE") || summary == QLatin1String("r"))
+    const bool keyMissing = rf.summary == QLatin1String(marker::keyMissing);
+    if (!rf.recorded() || keyMissing)
         findings.add("rf.revision-missing", true,
-                     summary == QLatin1String("r") ? QStringLiteral("RF revision r (RF_REVISION missing from the file)")
-                                                   : QStringLiteral("RF revision NONE (file missing or value empty)"),
-                     {QStringLiteral("/storage/RFHW_Revision.info")});
+                     keyMissing ? QStringLiteral("RF revision r (RF_REVISION missing from the file)")
+                                : QStringLiteral("RF revision NONE (file missing or value empty)"),
+                     {QLatin1String(rfRevision)}, QJsonObject{{"file", rfRevision}, {"summary", rf.summary}});
 }
 
-// Each active image that lacks a name or a version; for DSPs also the FPGA banks they use that have
-// no version.
-void checkImages(const QVector<ReportSection> &report, Findings &findings)
+// Each active image that lacks a name or a version.
+void checkImages(const char *id, const QString &what, const DspImages &images, Findings &findings)
 {
-    QStringList banksWithoutVersion;
-    for (const char *section : {"dsp", "cpri"}) {
-        const bool cpri = QLatin1String(section) == QLatin1String("cpri");
-        QStringList incomplete;
-        for (const QJsonValue &value : reportValue(report, QLatin1String(section) + "/images").toArray()) {
-            const QJsonObject image = value.toObject();
-            const QString index = QString::number(image.value("index").toInt());
-            if (image.value("name").toString().isEmpty())
-                incomplete << index + QStringLiteral(" (no name)");
-            if (image.value("version").toString().isEmpty())
-                incomplete << index + QStringLiteral(" (no version)");
-            if (!cpri && image.value("version") == QLatin1String(missingVersion))
-                banksWithoutVersion << QStringLiteral("bank %1 (DSP %1)").arg(index);
-        }
-        findings.add(cpri ? "cpri.incomplete" : "dsp.incomplete", false,
-                     cpri ? QStringLiteral("active CPRI DSPs without a name or version")
-                          : QStringLiteral("active DSPs without a name or version"),
-                     incomplete);
+    QStringList incomplete;
+    QJsonArray data;
+    for (const DspImage &image : images.images) {
+        for (const auto &[missing, text] : {std::pair{image.name.isEmpty(), "name"}, {image.version.isEmpty(), "version"}})
+            if (missing) {
+                incomplete << QStringLiteral("%1 (no %2)").arg(image.index).arg(QLatin1String(text));
+                data.append(QJsonObject{{"index", image.index}, {"missing", text}});
+            }
     }
-    if (!reportValue(report, QStringLiteral("fpga/boardDescriptionLoaded")).toBool())
+    findings.add(id, false, what, incomplete, QJsonObject{{"images", data}});
+}
+
+// The board description, and the FPGA banks that the active DSPs take their versions from.
+void checkFpga(const Report &report, Findings &findings)
+{
+    if (!report.fpga.boardDescriptionLoaded)
         findings.add("fpga.board-description", true,
                      QStringLiteral("board description not loaded (missing or not JSON)"),
-                     {QStringLiteral("/bin/DpbJsonInfo.json")});
-    findings.add("fpga.bank-missing", true, QStringLiteral("FPGA banks of active DSPs without a version (1000)"),
-                 banksWithoutVersion);
+                     {QLatin1String(boardDescription)}, QJsonObject{{"file", boardDescription}});
+    QStringList banks;
+    QJsonArray data;
+    for (const DspImage &image : report.dsp.images)
+        if (image.version == QLatin1String(marker::noVersion)) {
+            banks << QStringLiteral("bank %1 (DSP %2)").arg(image.fpgaBank).arg(image.index);
+            data.append(QJsonObject{{"bank", image.fpgaBank}, {"dsp", image.index}});
+        }
+    findings.add("fpga.bank-missing", true, QStringLiteral("FPGA banks of active DSPs without a version (1000)"), banks,
+                 QJsonObject{{"banks", data}});
 }
 
-void checkTemperatures(const QVector<ReportSection> &report, Findings &findings)
+void checkTemperatures(const Report &report, const CheckOptions &options, Findings &findings)
 {
-    const std::optional<double> critical = criticalTemperatureOf(report);
+    const std::optional<TemperatureLimit> limit = temperatureLimit(report, options);
     QStringList unavailable, hot;
-    for (const TemperatureReading &reading : temperatureReadingsOf(report)) {
-        if (!reading.celsius)
+    QJsonArray unavailableData, hotData;
+    for (const TemperatureReading &reading : report.temperature.readings) {
+        if (!reading.celsius) {
             unavailable << QStringLiteral("%1 (%2)").arg(reading.sensor, reading.text);
-        else if (critical && *reading.celsius >= *critical)
+            unavailableData.append(QJsonObject{{"sensor", reading.sensor}, {"text", reading.text}});
+        } else if (limit && *reading.celsius >= limit->celsius) {
             hot << QStringLiteral("%1 %2").arg(reading.sensor, reading.text);
+            hotData.append(QJsonObject{{"sensor", reading.sensor}, {"celsius", *reading.celsius}});
+        }
     }
     findings.add("temperature.unavailable", false, QStringLiteral("temperature sensors without a reading"),
-                 unavailable);
-    if (critical)
-        findings.add("temperature.critical", true,
-                     QStringLiteral("sensors at or above the critical temperature %1 °C").arg(*critical), hot);
+                 unavailable, QJsonObject{{"sensors", unavailableData}});
+    if (!limit) {
+        const QString text = report.inventoryText("DPB_CriticalTemp");
+        findings.add("temperature.limit-unknown", false,
+                     QStringLiteral("no critical temperature to judge the sensors by (--critical-temperature gives "
+                                    "one)"),
+                     {QStringLiteral("DPB_CriticalTemp is '%1'").arg(text)}, QJsonObject{{"key", "DPB_CriticalTemp"}, {"value", text}});
+        return;
+    }
+    findings.add("temperature.critical", true,
+                 QStringLiteral("sensors at or above the critical temperature %1 °C").arg(limit->celsius), hot,
+                 QJsonObject{{"limitCelsius", limit->celsius}, {"limitSource", limit->source}, {"sensors", hotData}});
 }
 
-void checkCalibration(const QVector<ReportSection> &report, const CheckOptions &options, Findings &findings)
+void checkCalibration(const Report &report, const CheckOptions &options, Findings &findings)
 {
     QStringList missing, unreadable, old;
-    for (const CalibrationFile &file : calibrationFilesOf(report)) {
-        if (!file.present)
-            missing << file.path;
-        else if (file.dated && !file.readable)
-            unreadable << file.path;
-        const std::optional<QDate> date = file.readable ? leadingDate(file.firstLine) : std::nullopt;
-        if (date && options.maxCalibrationAgeDays >= 0 && date->daysTo(options.today) > options.maxCalibrationAgeDays)
-            old << QStringLiteral("%1 (%2)").arg(file.path, date->toString(Qt::ISODate));
-    }
-    findings.add("calibration.missing", true, QStringLiteral("calibration files missing"), missing);
+    QJsonArray oldData;
+    for (const CalibrationEntry &entry : report.calibration)
+        for (const CalibrationFile &file : entry.files) {
+            if (!file.present)
+                missing << file.path;
+            else if (file.dated && !file.readable)
+                unreadable << file.path;
+            const std::optional<QDate> date = file.readable ? leadingDate(file.firstLine) : std::nullopt;
+            // A file exactly the given age is still within it.
+            if (date && options.maxCalibrationAgeDays >= 0 &&
+                date->daysTo(options.today) > options.maxCalibrationAgeDays) {
+                old << QStringLiteral("%1 (%2)").arg(file.path, date->toString(Qt::ISODate));
+                oldData.append(QJsonObject{{"file", file.path}, {"date", date->toString(Qt::ISODate)}});
+            }
+        }
+    findings.add("calibration.missing", true, QStringLiteral("calibration files missing"), missing, "files");
     findings.add("calibration.unreadable", true, QStringLiteral("calibration files present but unreadable"),
-                 unreadable);
+                 unreadable, "files");
     findings.add("calibration.old", false,
-                 QStringLiteral("calibration older than %1 days").arg(options.maxCalibrationAgeDays), old);
+                 QStringLiteral("calibration older than %1 days").arg(options.maxCalibrationAgeDays), old,
+                 QJsonObject{{"maxAgeDays", options.maxCalibrationAgeDays}, {"files", oldData}});
 }
 
 int countOf(const QVector<Finding> &findings, bool error)
@@ -141,14 +179,27 @@ QString plural(int count, const char *word)
 
 } // namespace
 
-QVector<Finding> checkReport(const QVector<ReportSection> &report, const CheckOptions &options)
+std::optional<TemperatureLimit> temperatureLimit(const Report &report, const CheckOptions &options)
+{
+    if (const std::optional<double> inventory = numberIn(report.inventoryText("DPB_CriticalTemp")))
+        return TemperatureLimit{*inventory, "inventory"};
+    if (options.criticalTemperature)
+        return TemperatureLimit{*options.criticalTemperature, "option"};
+    return std::nullopt;
+}
+
+QVector<Finding> checkReport(const Report &report, const CheckOptions &options)
 {
     Findings findings;
-    checkIdentity(report, findings);
-    checkInventory(report, findings);
-    checkRfRevision(report, findings);
-    checkImages(report, findings);
-    checkTemperatures(report, findings);
+    checkCapture(report, findings);
+    checkIdentity(report.identity, findings);
+    checkInventory(report.inventory, findings);
+    checkRfRevision(report.rf, findings);
+    checkImages("dsp.incomplete", QStringLiteral("active DSPs without a name or version"), report.dsp, findings);
+    checkImages("cpri.incomplete", QStringLiteral("active CPRI DSPs without a name or version"), report.cpri,
+                findings);
+    checkFpga(report, findings);
+    checkTemperatures(report, options, findings);
     checkCalibration(report, options, findings);
     return findings.list;
 }
@@ -158,29 +209,33 @@ bool checkPasses(const QVector<Finding> &findings, bool strict)
     return countOf(findings, true) == 0 && (!strict || findings.isEmpty());
 }
 
-QByteArray checkText(const ReportHeader &header, const QVector<Finding> &findings, bool strict)
+QByteArray checkText(const Report &report, const QVector<Finding> &findings, bool strict)
 {
     QString text;
     for (const Finding &finding : findings)
         text += QStringLiteral("%1 %2 %3\n")
                     .arg(QString::fromLatin1(finding.error ? "error" : "warning").leftJustified(7),
-                         finding.id.leftJustified(23), finding.message);
-    text +=
-        QStringLiteral("rfsysinfo %1 check of %2: %3, %4 and %5%6\n")
-            .arg(header.version, header.deviceTree.isEmpty() ? QStringLiteral("this instrument") : header.deviceTree,
-                 QLatin1String(checkPasses(findings, strict) ? "PASS" : "FAIL"),
-                 plural(countOf(findings, true), "error"), plural(countOf(findings, false), "warning"),
-                 QLatin1String(strict ? " (strict: warnings fail)" : ""));
+                         finding.id.leftJustified(25), finding.message);
+    text += QStringLiteral("rfsysinfo %1 check of %2 (%3 %4): %5, %6 and %7%8\n")
+                .arg(report.source.toolVersion, sourceDescription(report.source), report.identity.model,
+                     report.identity.serialNumber, QLatin1String(checkPasses(findings, strict) ? "PASS" : "FAIL"),
+                     plural(countOf(findings, true), "error"), plural(countOf(findings, false), "warning"),
+                     QLatin1String(strict ? " (strict: warnings fail)" : ""));
     return text.toUtf8();
 }
 
-QByteArray checkJson(const ReportHeader &header, const QVector<Finding> &findings, bool strict)
+QByteArray checkJson(const Report &report, const QVector<Finding> &findings, bool strict)
 {
     QJsonArray list;
     for (const Finding &finding : findings)
-        list.append(QJsonObject{
-            {"id", finding.id}, {"severity", finding.error ? "error" : "warning"}, {"message", finding.message}});
-    QJsonObject document = jsonHeader(header);
+        list.append(QJsonObject{{"id", finding.id},
+                                {"severity", finding.error ? "error" : "warning"},
+                                {"message", finding.message},
+                                {"data", finding.data}});
+    QJsonObject document = jsonHeader(report);
+    document.insert("identity",
+                    QJsonObject{{"model", report.identity.model}, {"serialNumber", report.identity.serialNumber}});
+    document.insert("checked", report.collected.toUTC().toString(Qt::ISODate));
     document.insert("check", QJsonObject{{"verdict", checkPasses(findings, strict) ? "pass" : "fail"},
                                          {"strict", strict},
                                          {"findings", list}});

@@ -1,11 +1,10 @@
-// The check: fixed findings over a collected report, each with a stable id, a severity and a message
-// that names the data, and a verdict. Rendered as text lines or as a JSON object, and counted by the
-// metrics.
+// The check: fixed findings over a collected report, each with a stable id, a severity, a message that
+// names the data and the same data as fields; and a verdict. Rendered as text lines or as a JSON
+// object, and counted by the metrics.
 #ifndef RFSYSINFO_REPORTCHECK_H
 #define RFSYSINFO_REPORTCHECK_H
 
-#include "ReportOutput.h"
-#include "SystemReport.h"
+#include "ReportModel.h"
 
 #include <QDate>
 #include <QJsonObject>
@@ -15,21 +14,31 @@ struct Finding
     QString id;
     bool error = false; // else a warning
     QString message;
+    QJsonObject data; // what the message names, as fields
 };
 
 struct CheckOptions
 {
     int maxCalibrationAgeDays = -1; // -1: the calibration dates are not judged
     QDate today = QDate::currentDate();
-    bool strict = false; // warnings fail too
+    bool strict = false;                        // warnings fail too
+    std::optional<double> criticalTemperature; // the limit where the inventory gives none
 };
 
-QVector<Finding> checkReport(const QVector<ReportSection> &report, const CheckOptions &options);
+// The critical temperature the check judges by: the inventory's, else the one given.
+struct TemperatureLimit
+{
+    double celsius = 0;
+    const char *source = ""; // "inventory" or "option"
+};
+std::optional<TemperatureLimit> temperatureLimit(const Report &report, const CheckOptions &options);
+
+QVector<Finding> checkReport(const Report &report, const CheckOptions &options);
 
 // Whether the findings pass: no error, and with `strict` no warning either.
 bool checkPasses(const QVector<Finding> &findings, bool strict);
 
-QByteArray checkText(const ReportHeader &header, const QVector<Finding> &findings, bool strict);
-QByteArray checkJson(const ReportHeader &header, const QVector<Finding> &findings, bool strict);
+QByteArray checkText(const Report &report, const QVector<Finding> &findings, bool strict);
+QByteArray checkJson(const Report &report, const QVector<Finding> &findings, bool strict);
 
 #endif // RFSYSINFO_REPORTCHECK_H

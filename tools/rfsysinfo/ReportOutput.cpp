@@ -1,5 +1,8 @@
 #include "ReportOutput.h"
 
+#include "devicePaths.h"
+
+#include <QJsonArray>
 #include <QJsonDocument>
 
 #include <algorithm>
@@ -9,20 +12,158 @@ namespace {
 constexpr int labelIndent = 2;
 constexpr int labelGap = 2;
 
-QString sourceDescription(const ReportHeader &header)
+struct Line
 {
-    if (header.deviceTree.isEmpty())
-        return QStringLiteral("this instrument");
-    return (header.capture ? QStringLiteral("capture %1") : QStringLiteral("device tree %1")).arg(header.deviceTree);
+    QString label, text;
+};
+
+struct Section
+{
+    QString title;
+    QVector<Line> lines;
+};
+
+// A marker shown with what it means; other texts as they are.
+QString explained(const QString &text, const QString &meaning)
+{
+    return meaning.isEmpty() ? text : QStringLiteral("%1 (%2)").arg(text, meaning);
 }
 
-int widestLabel(const QVector<ReportSection> &report)
+QString inventoryMeaning(const QString &text)
 {
-    int widest = 0;
-    for (const ReportSection &section : report)
-        for (const ReportLine &line : section.lines)
-            widest = std::max(widest, static_cast<int>(line.label.size()));
-    return widest;
+    if (text == QLatin1String(marker::none))
+        return QStringLiteral("file missing or value empty");
+    if (text == QLatin1String(marker::keyMissing))
+        return QStringLiteral("key missing from the file");
+    return {};
+}
+
+Section identitySection(const Identity &identity)
+{
+    using namespace rfsi::paths;
+    const bool fallbackModelUsed = identity.model == QLatin1String(fallbackModel);
+    return {"Identity",
+            {{"Model", explained(identity.model, fallbackModelUsed ? "the fallback when no identity tool names it"
+                                                                    : QString())},
+             {"Serial number",
+              explained(identity.serialNumber, identity.serialNumber == QLatin1String(fallbackSerial)
+                                                   ? "the fallback when no identity tool gives it"
+                                                   : QString())},
+             {"Firmware version", identity.firmwareVersion},
+             {"UI version", identity.uiVersion},
+             {"RF serial", explained(identity.rfSerial, identity.rfSerial == QLatin1String(marker::fixedRfSerial)
+                                                            ? "a fixed text: no RF serial is recorded"
+                                                            : QString())},
+             {"Identity tools",
+              identity.toolsRun ? "run" : "not run: they belong to a copied tree (--allow-tools runs them)"}}};
+}
+
+Section inventorySection(const QVector<InventoryValue> &inventory)
+{
+    Section section{"Inventory", {}};
+    for (const InventoryValue &value : inventory)
+        section.lines.push_back({value.label, explained(value.text, inventoryMeaning(value.text))});
+    return section;
+}
+
+Section rfSection(const RfModules &rf)
+{
+    Section section{"RF modules", {{"Revisions (YRO/Mixer/DNC)", explained(rf.summary, inventoryMeaning(rf.summary))}}};
+    for (const RfModule &module : rf.modules) {
+        QString text = module.text;
+        if (!rf.recorded())
+            text += QStringLiteral(", not recorded");
+        else if (module.text == QLatin1String(marker::keyMissing))
+            text += QStringLiteral(", key missing");
+        section.lines.push_back({module.label, QStringLiteral("%1 (%2)").arg(module.revision).arg(text)});
+    }
+    return section;
+}
+
+Section fpgaSection(const FpgaBanks &fpga)
+{
+    Section section{"FPGA banks",
+                    {{"Board description", fpga.boardDescriptionLoaded
+                                               ? "loaded"
+                                               : "missing or not valid JSON (versions default to 1000)"}}};
+    for (int bank = 0; bank < fpga.banks.size(); ++bank)
+        section.lines.push_back({QStringLiteral("Bank %1").arg(bank),
+                                 explained(fpga.banks[bank].version,
+                                           fpga.banks[bank].hasVersion() ? QString() : QStringLiteral("no version"))});
+    return section;
+}
+
+QString imageText(const DspImage &image)
+{
+    const QString name = image.name.isEmpty() ? QStringLiteral("(no name)") : image.name;
+    if (image.fpgaBank < 0)
+        return QStringLiteral("%1, version %2").arg(name, image.version.isEmpty() ? "(none)" : image.version);
+    const bool hasVersion = image.version != QLatin1String(marker::noVersion) && !image.version.isEmpty();
+    return QStringLiteral("%1, version %2 (%3)")
+        .arg(name, image.version,
+             hasVersion ? QStringLiteral("FPGA bank %1").arg(image.fpgaBank)
+                        : QStringLiteral("FPGA bank %1 has no version").arg(image.fpgaBank));
+}
+
+Section imagesSection(const QString &title, const QString &imageLabel, const DspImages &images)
+{
+    Section section{title, {{QStringLiteral("Active %1s").arg(imageLabel), QString::number(images.activeCount)}}};
+    for (const DspImage &image : images.images)
+        section.lines.push_back({QStringLiteral("%1 %2").arg(imageLabel).arg(image.index), imageText(image)});
+    return section;
+}
+
+Section temperatureSection(const Temperatures &temperature)
+{
+    Section section{"Temperature", {}};
+    for (const TemperatureReading &reading : temperature.readings)
+        section.lines.push_back({QStringLiteral("Sensor %1").arg(reading.sensor),
+                                 explained(reading.text, reading.celsius ? QString() : QStringLiteral("no reading"))});
+    if (temperature.readings.isEmpty())
+        section.lines.push_back({"Report", temperature.report});
+    return section;
+}
+
+QString calibrationMeaning(const CalibrationEntry &entry)
+{
+    if (entry.files.size() > 1)
+        return entry.answer.contains(QLatin1String(marker::none)) ? QStringLiteral("NONE: file missing") : QString();
+    const CalibrationFile &file = entry.files.front();
+    if (!file.present)
+        return QStringLiteral("file missing");
+    return file.readable ? QString() : QStringLiteral("present, first line unreadable or NONE");
+}
+
+Section calibrationSection(const QVector<CalibrationEntry> &calibration)
+{
+    Section section{"Calibration files", {}};
+    for (const CalibrationEntry &entry : calibration)
+        section.lines.push_back({entry.label, explained(entry.answer, calibrationMeaning(entry))});
+    return section;
+}
+
+QVector<Section> textSections(const Report &report)
+{
+    QVector<Section> sections;
+    for (const QString &name : report.sections) {
+        if (name == "identity")
+            sections << identitySection(report.identity);
+        else if (name == "inventory")
+            sections << inventorySection(report.inventory);
+        else if (name == "rf")
+            sections << rfSection(report.rf);
+        else if (name == "fpga")
+            sections << fpgaSection(report.fpga);
+        else if (name == "dsp")
+            sections << imagesSection("DSP images", "DSP", report.dsp);
+        else if (name == "cpri")
+            sections << imagesSection("CPRI DSP images", "CPRI DSP", report.cpri);
+        else if (name == "temperature")
+            sections << temperatureSection(report.temperature);
+        else if (name == "calibration")
+            sections << calibrationSection(report.calibration);
+    }
+    return sections;
 }
 
 // A text that spans lines keeps its later lines under the first one's column.
@@ -32,37 +173,120 @@ QString indentedText(const QString &text, int column)
     return indented.replace(QLatin1Char('\n'), QLatin1Char('\n') + QString(column, QLatin1Char(' ')));
 }
 
-} // namespace
-
-QByteArray textReport(const ReportHeader &header, const QVector<ReportSection> &report)
+QString headerText(const ReportSource &source)
 {
     QString text = QStringLiteral("rfsysinfo %1: %2%3\n")
-                       .arg(header.version, sourceDescription(header),
-                            header.sanitized ? QStringLiteral(", serial numbers replaced") : QString());
-    const int labelWidth = widestLabel(report) + labelGap;
-    for (const ReportSection &section : report) {
+                       .arg(source.toolVersion, sourceDescription(source),
+                            source.sanitized ? QStringLiteral(", serial numbers replaced") : QString());
+    if (const std::optional<CaptureOrigin> &origin = source.origin) {
+        text += QStringLiteral("captured %1 by rfsysinfo %2 from %3\n")
+                    .arg(origin->captured.toUTC().toString(Qt::ISODate), origin->toolVersion,
+                         origin->sourceTree.isEmpty() ? QStringLiteral("the instrument")
+                                                      : QStringLiteral("the device tree %1").arg(origin->sourceTree));
+        if (!origin->software)
+            text += QStringLiteral("the capture does not record the instrument's software: firmware and UI versions "
+                                   "are this machine's\n");
+        for (const QString &path : source.truncatedFiles)
+            text += QStringLiteral("truncated by the capture: %1 (what is reported of it cannot be trusted)\n").arg(path);
+    }
+    return text;
+}
+
+QJsonArray imagesJson(const DspImages &images)
+{
+    QJsonArray array;
+    for (const DspImage &image : images.images)
+        array.append(QJsonObject{{"index", image.index}, {"name", image.name}, {"version", image.version}});
+    return array;
+}
+
+QJsonObject sectionJson(const Report &report, const QString &name)
+{
+    if (name == "identity") {
+        const Identity &identity = report.identity;
+        return {{"model", identity.model},         {"serialNumber", identity.serialNumber},
+                {"firmwareVersion", identity.firmwareVersion}, {"uiVersion", identity.uiVersion},
+                {"rfSerial", identity.rfSerial},   {"identityToolsRun", identity.toolsRun}};
+    }
+    QJsonObject json;
+    if (name == "inventory") {
+        for (const InventoryValue &value : report.inventory)
+            json.insert(value.key, value.text);
+    } else if (name == "rf") {
+        json.insert("summary", report.rf.summary);
+        for (const RfModule &module : report.rf.modules)
+            json.insert(module.key, QJsonObject{{"revision", module.revision}, {"text", module.text}});
+    } else if (name == "fpga") {
+        QJsonObject banks;
+        for (const FpgaBank &bank : report.fpga.banks)
+            banks.insert(bank.key, bank.version);
+        json = {{"boardDescriptionLoaded", report.fpga.boardDescriptionLoaded}, {"banks", banks}};
+    } else if (name == "dsp" || name == "cpri") {
+        const DspImages &images = name == "dsp" ? report.dsp : report.cpri;
+        json = {{"activeCount", images.activeCount}, {"images", imagesJson(images)}};
+    } else if (name == "temperature") {
+        QJsonObject readings;
+        for (const TemperatureReading &reading : report.temperature.readings)
+            readings.insert(reading.sensor, reading.text);
+        json = {{"report", report.temperature.report}, {"readings", readings}};
+    } else if (name == "calibration") {
+        for (const CalibrationEntry &entry : report.calibration)
+            json.insert(entry.key, entry.answer);
+    }
+    return json;
+}
+
+} // namespace
+
+QString sourceDescription(const ReportSource &source)
+{
+    if (source.deviceTree.isEmpty())
+        return QStringLiteral("this instrument");
+    return (source.capture ? QStringLiteral("capture %1") : QStringLiteral("device tree %1")).arg(source.deviceTree);
+}
+
+QByteArray textReport(const Report &report)
+{
+    const QVector<Section> sections = textSections(report);
+    int widest = 0;
+    for (const Section &section : sections)
+        for (const Line &line : section.lines)
+            widest = std::max(widest, static_cast<int>(line.label.size()));
+    const int labelWidth = widest + labelGap;
+    QString text = headerText(report.source);
+    for (const Section &section : sections) {
         text += QLatin1Char('\n') + section.title + QLatin1Char('\n');
-        for (const ReportLine &line : section.lines)
+        for (const Line &line : section.lines)
             text += QString(labelIndent, QLatin1Char(' ')) + line.label.leftJustified(labelWidth) +
                     indentedText(line.text, labelIndent + labelWidth) + QLatin1Char('\n');
     }
     return text.toUtf8();
 }
 
-QJsonObject jsonHeader(const ReportHeader &header)
+QJsonObject jsonHeader(const Report &report)
 {
-    return {
+    const ReportSource &source = report.source;
+    QJsonObject header{
         {"tool", "rfsysinfo"},
-        {"version", header.version},
-        {"deviceTree", header.deviceTree.isEmpty() ? QJsonValue() : QJsonValue(header.deviceTree)},
-        {"sanitized", header.sanitized},
+        {"version", source.toolVersion},
+        {"deviceTree", source.deviceTree.isEmpty() ? QJsonValue() : QJsonValue(source.deviceTree)},
+        {"sanitized", source.sanitized},
     };
+    if (const std::optional<CaptureOrigin> &origin = source.origin)
+        header.insert("capture",
+                      QJsonObject{{"captured", origin->captured.toUTC().toString(Qt::ISODate)},
+                                  {"source", origin->sourceTree.isEmpty() ? "instrument" : "tree"},
+                                  {"sourceTree", origin->sourceTree.isEmpty() ? QJsonValue() : origin->sourceTree},
+                                  {"toolVersion", origin->toolVersion},
+                                  {"softwareRecorded", origin->software.has_value()},
+                                  {"truncated", QJsonArray::fromStringList(source.truncatedFiles)}});
+    return header;
 }
 
-QByteArray jsonReport(const ReportHeader &header, const QVector<ReportSection> &report)
+QByteArray jsonReport(const Report &report)
 {
-    QJsonObject document = jsonHeader(header);
-    for (const ReportSection &section : report)
-        document.insert(section.name, section.json);
+    QJsonObject document = jsonHeader(report);
+    for (const QString &name : report.sections)
+        document.insert(name, sectionJson(report, name));
     return QJsonDocument(document).toJson(QJsonDocument::Indented);
 }

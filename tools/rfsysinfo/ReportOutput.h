@@ -1,23 +1,22 @@
-// The two forms of the report: aligned text for people, one JSON document for scripts.
+// The two forms of the report: aligned text for people, one JSON document for scripts. The text shows
+// each marker with its meaning where it could pass for data; the JSON keeps the library's answers as
+// they are.
 #ifndef RFSYSINFO_REPORTOUTPUT_H
 #define RFSYSINFO_REPORTOUTPUT_H
 
-#include "SystemReport.h"
+#include "ReportModel.h"
 
 #include <QByteArray>
+#include <QJsonObject>
 
-struct ReportHeader
-{
-    QString version;
-    QString deviceTree;   // empty: the machine's own paths
-    bool capture = false; // deviceTree is a capture archive
-    bool sanitized = false;
-};
+// The keys every JSON document of the tool starts with: the tool, its version and the source (with a
+// replayed capture's origin).
+QJsonObject jsonHeader(const Report &report);
 
-// The keys every JSON document of the tool starts with: the tool, its version and the source.
-QJsonObject jsonHeader(const ReportHeader &header);
+// "this instrument", "device tree X" or "capture X".
+QString sourceDescription(const ReportSource &source);
 
-QByteArray textReport(const ReportHeader &header, const QVector<ReportSection> &report);
-QByteArray jsonReport(const ReportHeader &header, const QVector<ReportSection> &report);
+QByteArray textReport(const Report &report);
+QByteArray jsonReport(const Report &report);
 
 #endif // RFSYSINFO_REPORTOUTPUT_H

@@ -7,7 +7,7 @@
 #include "OutputFile.h"
 #include "ReportCheck.h"
 #include "ReportOutput.h"
-#include "SystemReport.h"
+#include "ReportModel.h"
 #include "devicePaths.h"
 
 #include <rfSystem_Info.h>
@@ -17,8 +17,10 @@
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,9 +33,18 @@
 namespace {
 
 constexpr int exitReport = 0;
-constexpr int exitFailure = 1;
+constexpr int exitFailure = 1; // the check fails
 constexpr int exitUsage = 2;
-constexpr int exitDeviceRoot = 3;
+constexpr int exitDeviceRoot = 3; // the device tree or capture cannot be read
+constexpr int exitOutput = 4;     // the output cannot be written
+
+constexpr char exitStatuses[] =
+    "Exit status: 0 the report was written (and with --check the unit passes); 1 the check fails; 2 usage "
+    "error; 3 the device tree or capture cannot be read; 4 the output cannot be written (full disk, closed "
+    "or broken standard output, a refused or failed --output or --capture target).";
+
+constexpr int longestCalibrationAge = 36500; // a century
+constexpr double lowestLimit = -100, highestLimit = 300;
 
 struct Settings
 {
@@ -42,19 +53,57 @@ struct Settings
     bool verbose = false;
     bool allowTools = false;
     QString deviceTree; // a folder, or a capture archive
-    QString capture;
-    QString output; // empty: standard output
+    QString capture;    // "-": standard output
+    QString output;     // empty or "-": standard output
     QStringList sections;
     bool check = false;
     bool metrics = false;
     bool strict = false;
     int maxCalibrationAgeDays = -1;
+    std::optional<double> criticalTemperature;
 };
 
 int fail(int status, const QString &message)
 {
     std::fprintf(stderr, "rfsysinfo: %s\n", qPrintable(message));
     return status;
+}
+
+// The value of a single-valued option, checked: given once, not empty, and no option in its place.
+bool singleValue(const QCommandLineParser &parser, const QCommandLineOption &option, QString &value, QString &error)
+{
+    const QString name = "--" + option.names().constLast();
+    const QStringList values = parser.values(option);
+    if (values.size() > 1)
+        error = name + " is given more than once";
+    else if (!values.isEmpty() && values.front().isEmpty())
+        error = name + " needs a value, not an empty one";
+    else if (!values.isEmpty() && values.front().startsWith('-') && values.front() != QLatin1String("-"))
+        error = QStringLiteral("%1 needs a value, not the option '%2' (write ./%2 for a file of that name)")
+                    .arg(name, values.front());
+    else {
+        value = values.value(0);
+        return true;
+    }
+    return false;
+}
+
+// A number within [lowest, highest]: "not a number" and "out of range" are told apart.
+std::optional<double> numberOption(const QString &name, const QString &text, double lowest, double highest,
+                                   bool whole, QString &error)
+{
+    static const QRegularExpression wholeNumber(QStringLiteral("^[+-]?[0-9]+$"));
+    static const QRegularExpression decimal(QStringLiteral("^[+-]?([0-9]+(\\.[0-9]*)?|\\.[0-9]+)$"));
+    if (!(whole ? wholeNumber : decimal).match(text).hasMatch()) {
+        error = QStringLiteral("%1 takes %2, not '%3'").arg(name, whole ? "a whole number" : "a number", text);
+        return std::nullopt;
+    }
+    const double number = text.toDouble(); // digits only: no locale matters
+    if (number < lowest || number > highest) {
+        error = QStringLiteral("%1 %2 is out of range (%3 to %4)").arg(name, text).arg(lowest).arg(highest);
+        return std::nullopt;
+    }
+    return number;
 }
 
 // Parses the command line; exits for --help and --version, returns false (with `error`) on misuse.
@@ -64,7 +113,8 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
     parser.setApplicationDescription(
         "Reports the instrument's system information: identity, board inventory, RF module revisions, FPGA "
         "banks, DSP images, temperature and calibration files.\n\nSections: " +
-        reportSectionNames().join(", "));
+        reportSectionNames().join(", ") + "\n\n" + exitStatuses +
+        "\n\nWhat each marker (NONE, r, 1000, OK(NONE), KV720, ...) means: see rfsysinfo(1), MARKERS.");
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
     const QCommandLineOption jsonOption("json", "Print one JSON document instead of text.");
@@ -73,22 +123,29 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
                                         "or on a capture archive made with --capture, seen read-only.",
                                         "DIR|CAPTURE");
     const QCommandLineOption allowToolsOption("allow-tools", "With --root DIR: run the identity tools of the tree.");
-    const QCommandLineOption captureOption(
-        "capture", "Write the device's state (every file the library reads, the identity tools' answers) to FILE.",
-        "FILE");
-    const QCommandLineOption sanitizeOption("sanitize", "Replace every serial number by " + serialPlaceholder + ".");
+    const QCommandLineOption captureOption("capture",
+                                           "Write the device's state (every file the library reads, the identity "
+                                           "tools' answers, the instrument's software versions) to FILE; - is "
+                                           "standard output.",
+                                           "FILE");
+    const QCommandLineOption sanitizeOption("sanitize", "Replace every serial number by " + serialPlaceholder +
+                                                            " and withhold the names of device trees and captures.");
     const QCommandLineOption sectionOption("section", "Report only this section (repeatable).", "NAME");
     const QCommandLineOption checkOption("check",
                                          "Judge the report: findings and a verdict (exit status 1 on an error).");
     const QCommandLineOption strictOption("strict", "With --check: warnings fail too.");
     const QCommandLineOption ageOption("max-calibration-age",
                                        "With --check: warn about dated calibration older than DAYS days.", "DAYS");
+    const QCommandLineOption limitOption("critical-temperature",
+                                         "With --check or --metrics: judge the sensors by C °C where the inventory "
+                                         "gives no critical temperature.",
+                                         "C");
     const QCommandLineOption metricsOption("metrics", "Print the report in Prometheus' text exposition format.");
-    const QCommandLineOption outputOption("output", "Write the report to FILE, atomically, instead of standard output.",
-                                          "FILE");
+    const QCommandLineOption outputOption(
+        "output", "Write the report to FILE, atomically, instead of standard output; - is standard output.", "FILE");
     const QCommandLineOption verboseOption("verbose", "Show the library's own messages on standard error.");
     parser.addOptions({jsonOption, rootOption, allowToolsOption, captureOption, sanitizeOption, sectionOption,
-                       checkOption, strictOption, ageOption, metricsOption, outputOption, verboseOption});
+                       checkOption, strictOption, ageOption, limitOption, metricsOption, outputOption, verboseOption});
 
     if (!parser.parse(app.arguments())) {
         error = parser.errorText();
@@ -98,6 +155,12 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
         parser.showHelp(exitReport);
     if (parser.isSet(versionOption))
         parser.showVersion();
+    QString age, limit;
+    if (!singleValue(parser, rootOption, settings.deviceTree, error) ||
+        !singleValue(parser, captureOption, settings.capture, error) ||
+        !singleValue(parser, outputOption, settings.output, error) || !singleValue(parser, ageOption, age, error) ||
+        !singleValue(parser, limitOption, limit, error))
+        return false;
     if (!parser.positionalArguments().isEmpty()) {
         error = "unexpected argument '" + parser.positionalArguments().first() + "'";
         return false;
@@ -106,25 +169,33 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
     settings.sanitize = parser.isSet(sanitizeOption);
     settings.verbose = parser.isSet(verboseOption);
     settings.allowTools = parser.isSet(allowToolsOption);
-    settings.deviceTree = parser.value(rootOption);
-    settings.capture = parser.value(captureOption);
     settings.sections = parser.values(sectionOption);
     settings.check = parser.isSet(checkOption);
     settings.metrics = parser.isSet(metricsOption);
     settings.strict = parser.isSet(strictOption);
-    settings.output = parser.value(outputOption);
-    bool isNumber = true;
-    if (parser.isSet(ageOption))
-        settings.maxCalibrationAgeDays = parser.value(ageOption).toInt(&isNumber);
-    if (!isNumber || (parser.isSet(ageOption) && settings.maxCalibrationAgeDays < 0)) {
-        error = "--max-calibration-age takes a number of days, not '" + parser.value(ageOption) + "'";
-        return false;
+    if (!age.isEmpty()) {
+        const std::optional<double> days =
+            numberOption("--max-calibration-age", age, 0, longestCalibrationAge, true, error);
+        if (!days)
+            return false;
+        settings.maxCalibrationAgeDays = static_cast<int>(*days);
     }
+    if (!limit.isEmpty() &&
+        !(settings.criticalTemperature =
+              numberOption("--critical-temperature", limit, lowestLimit, highestLimit, false, error)))
+        return false;
     for (const QString &section : settings.sections) {
         if (!reportSectionNames().contains(section)) {
             error = "unknown section '" + section + "' (sections: " + reportSectionNames().join(", ") + ")";
             return false;
         }
+    }
+    const bool fromCapture = QFileInfo(settings.deviceTree).isFile();
+    if (settings.allowTools && (settings.deviceTree.isEmpty() || fromCapture)) {
+        error = settings.deviceTree.isEmpty()
+                    ? "--allow-tools goes with --root DIR: on this instrument the identity tools always run"
+                    : "--allow-tools goes with a device tree, not a capture: a capture replays the answers it holds";
+        return false;
     }
     if (parser.isSet(captureOption) && (settings.json || !settings.sections.isEmpty() || settings.check ||
                                         settings.metrics || parser.isSet(outputOption))) {
@@ -139,8 +210,12 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
         error = "--metrics is a format of its own: it goes with neither --check nor --json";
         return false;
     }
-    if ((settings.strict || parser.isSet(ageOption)) && !settings.check) {
+    if ((settings.strict || !age.isEmpty()) && !settings.check) {
         error = "--strict and --max-calibration-age go with --check";
+        return false;
+    }
+    if (!limit.isEmpty() && !settings.check && !settings.metrics) {
+        error = "--critical-temperature goes with --check or --metrics";
         return false;
     }
     return true;
@@ -154,14 +229,17 @@ void dropDebugLines(QtMsgType type, const QMessageLogContext &, const QString &m
 
 // The library prints its own messages (the board description's failure lines on standard output,
 // the command runner's debug lines): they must not mix with the report. Returns the descriptor that
-// the report is written to, the original standard output.
+// the report is written to, the original standard output; -1 when there is none (it was closed).
 int separateReportFromLibraryOutput(bool verbose)
 {
-    const int reportFd = ::dup(STDOUT_FILENO);
+    const bool outputOpen = ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
+    const int reportFd = outputOpen ? ::dup(STDOUT_FILENO) : -1;
+    // Standard output itself now leads where the library's lines belong; never to a file opened later.
     const int libraryFd = verbose ? ::dup(STDERR_FILENO) : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (reportFd < 0 || libraryFd < 0 || ::dup2(libraryFd, STDOUT_FILENO) < 0)
-        return -1;
-    ::close(libraryFd);
+    if (libraryFd >= 0 && libraryFd != STDOUT_FILENO) {
+        ::dup2(libraryFd, STDOUT_FILENO);
+        ::close(libraryFd);
+    }
     if (!verbose)
         qInstallMessageHandler(dropDebugLines);
     return reportFd;
@@ -236,11 +314,67 @@ std::optional<DeviceState> enterCapture(const Settings &settings, QString &error
     return state;
 }
 
-bool writeReport(int fd, const QByteArray &report)
+// Where a report or a capture goes: a file replaced whole, or standard output.
+class Destination
 {
-    QFile out;
-    return out.open(fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle) && out.write(report) == report.size();
-}
+public:
+    Destination(const char *option, const QString &path, int standardOutput)
+        : option(option), path(path), standardOutput(standardOutput)
+    {
+        if (!toStandardOutput())
+            file = std::make_unique<OutputFile>(path);
+    }
+
+    // Empty when the destination can be written.
+    QString openError() const
+    {
+        if (toStandardOutput())
+            return standardOutput < 0 ? failure(QString::fromLocal8Bit(std::strerror(EBADF))) : QString();
+        return file->openError().isEmpty() ? QString() : failure(file->openError());
+    }
+
+    // Writes everything, or says why not (exit status 4).
+    bool write(const QByteArray &content, QString &error) const
+    {
+        if (!toStandardOutput()) {
+            QString reason;
+            return file->write(content, reason) || (error = failure(reason), false);
+        }
+        qint64 written = 0;
+        while (written < content.size()) {
+            const ssize_t count = ::write(standardOutput, content.constData() + written,
+                                          static_cast<size_t>(content.size() - written));
+            if (count < 0 && errno == EINTR)
+                continue;
+            if (count <= 0) {
+                error = failure(QString::fromLocal8Bit(std::strerror(count < 0 ? errno : EIO)));
+                return false;
+            }
+            written += count;
+        }
+        // A full disk may show only now, on a file system that writes back late.
+        if (::fsync(standardOutput) != 0 && errno != EINVAL && errno != EROFS) {
+            error = failure(QString::fromLocal8Bit(std::strerror(errno)));
+            return false;
+        }
+        return true;
+    }
+
+    bool toStandardOutput() const { return path.isEmpty() || path == QLatin1String("-"); }
+
+private:
+    QString failure(const QString &reason) const
+    {
+        const QString target = toStandardOutput() ? QStringLiteral("standard output") : path;
+        return QStringLiteral("cannot write %1%2: %3")
+            .arg(option ? QStringLiteral("%1 ").arg(QLatin1String(option)) : QString(), target, reason);
+    }
+
+    const char *option;
+    QString path;
+    int standardOutput;
+    std::unique_ptr<OutputFile> file;
+};
 
 // The time a capture records: now, or SOURCE_DATE_EPOCH where it is set, so that two captures of an
 // unchanged device can be made byte for byte the same.
@@ -251,7 +385,7 @@ QDateTime captureTime()
     return isNumber ? QDateTime::fromSecsSinceEpoch(fixed, Qt::UTC) : QDateTime::currentDateTimeUtc();
 }
 
-// The serial numbers a capture must not carry: the inventory's and whatever a tool answered for the
+// The serial numbers a capture must not carry: the inventory's, and whatever a tool answered for the
 // serial number field.
 QStringList serialNumbersOf(rfSystemInfo &info, const DeviceState &state)
 {
@@ -259,26 +393,29 @@ QStringList serialNumbersOf(rfSystemInfo &info, const DeviceState &state)
     inventoryOnly.sections = QStringList{QStringLiteral("inventory")};
     QStringList serials = serialNumbersIn(collectReport(info, inventoryOnly));
     for (const IdentityAnswer &answer : state.answers)
-        if (answer.argument == QLatin1String(rfsi::paths::productSerialField) && !isMarkerText(answer.output))
-            serials << answer.output;
+        if (answer.argument == QLatin1String(rfsi::paths::productSerialField) &&
+            !isMarkerText(answer.output.trimmed()))
+            serials << answer.output.trimmed();
     return serials;
 }
 
-int capture(const Settings &settings, OutputFile &output, bool askTools, int reportFd)
+int capture(const Settings &settings, const Destination &destination, bool askTools, int summaryFd)
 {
     rfSystemInfo &info = *rfSystemInfo::param();
     DeviceState state = readDeviceState(info, askTools);
-    CaptureHeader header{RFSI_VERSION, captureTime(), settings.deviceTree, settings.sanitize};
+    state.origin.toolVersion = RFSI_VERSION;
+    state.origin.captured = captureTime();
+    state.origin.sourceTree = settings.deviceTree;
+    state.origin.sanitized = settings.sanitize;
     if (settings.sanitize) {
-        const QStringList serials = serialNumbersOf(info, state);
-        replaceSerials(state, serials, serialPlaceholder);
-        for (const QString &serial : serials)
-            header.sourceTree.replace(serial, serialPlaceholder);
+        replaceSerials(state, serialNumbersOf(info, state), serialPlaceholder);
+        if (!state.origin.sourceTree.isEmpty())
+            state.origin.sourceTree = sourcePlaceholder;
     }
-    const QByteArray archive = captureArchive(state, header);
     QString error;
-    if (!output.write(archive, error))
-        return fail(exitFailure, error);
+    const std::optional<QByteArray> archive = captureArchive(state, error);
+    if (!archive || !destination.write(*archive, error))
+        return fail(exitOutput, error);
     int copied = 0;
     for (const DeviceNode &file : state.files)
         copied += file.kind == NodeKind::File;
@@ -286,10 +423,53 @@ int capture(const Settings &settings, OutputFile &output, bool askTools, int rep
         QStringLiteral("captured %1 files and %2 answers of the identity tools into %3 (%4 bytes)\n")
             .arg(copied)
             .arg(state.answers.size())
-            .arg(settings.capture)
-            .arg(archive.size());
-    writeReport(reportFd, summary.toUtf8());
-    return exitReport;
+            .arg(destination.toStandardOutput() ? QStringLiteral("standard output") : settings.capture)
+            .arg(archive->size());
+    // The summary goes beside the archive, never into it.
+    const Destination summaryTarget(nullptr, {}, destination.toStandardOutput() ? STDERR_FILENO : summaryFd);
+    return summaryTarget.write(summary.toUtf8(), error) ? exitReport : fail(exitOutput, error);
+}
+
+// The report of the device this process sees, as the settings ask for it.
+int report(const Settings &settings, ReportSource source, const DeviceState *replayed, const Destination &output)
+{
+    ReportOptions options;
+    options.sections = settings.sections;
+    options.identityToolsRun = replayed ? replayed->toolsAsked : settings.deviceTree.isEmpty() || settings.allowTools;
+    Report report = collectReport(*rfSystemInfo::param(), options);
+    report.collected = QDateTime::currentDateTimeUtc();
+    if (replayed) {
+        source.origin = replayed->origin;
+        source.truncatedFiles = replayed->truncatedFiles();
+        if (replayed->origin.software)
+            applyRecordedSoftware(report, *replayed->origin.software);
+    }
+    report.source = source;
+    // The check judges the report before serial numbers are replaced, since a replaced serial hides a
+    // fallback.
+    CheckOptions checkOptions;
+    checkOptions.maxCalibrationAgeDays = settings.maxCalibrationAgeDays;
+    checkOptions.strict = settings.strict;
+    checkOptions.criticalTemperature = settings.criticalTemperature;
+    const QVector<Finding> findings =
+        settings.check || settings.metrics ? checkReport(report, checkOptions) : QVector<Finding>();
+    // A sanitized capture gives sanitized reports: what it replaced is not there to show.
+    if (settings.sanitize || (replayed && replayed->origin.sanitized))
+        sanitizeReport(report);
+
+    QByteArray text;
+    if (settings.metrics)
+        text = metricsReport(report, findings, checkOptions);
+    else if (settings.check)
+        text = settings.json ? checkJson(report, findings, settings.strict)
+                             : checkText(report, findings, settings.strict);
+    else
+        text = settings.json ? jsonReport(report) : textReport(report);
+    std::fflush(stdout); // the library's own lines, before the report is complete
+    QString error;
+    if (!output.write(text, error))
+        return fail(exitOutput, error);
+    return settings.check && !checkPasses(findings, settings.strict) ? exitFailure : exitReport;
 }
 
 } // namespace
@@ -299,6 +479,8 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName("rfsysinfo");
     QCoreApplication::setApplicationVersion(RFSI_VERSION);
+    // A reader that went away is an output that cannot be written (exit status 4), not a silent death.
+    std::signal(SIGPIPE, SIG_IGN);
 
     Settings settings;
     QString error;
@@ -306,35 +488,26 @@ int main(int argc, char **argv)
         return fail(exitUsage, error + " (see --help)");
 
     const int reportFd = separateReportFromLibraryOutput(settings.verbose);
-    if (reportFd < 0)
-        return fail(exitUsage, QStringLiteral("cannot set up the output: %1").arg(std::strerror(errno)));
     // Opened here: inside a device root the output's folder is out of reach.
-    std::unique_ptr<OutputFile> captureFile, outputFile;
-    for (auto [path, file] : {std::pair{&settings.capture, &captureFile}, std::pair{&settings.output, &outputFile}}) {
-        if (path->isEmpty())
-            continue;
-        *file = std::make_unique<OutputFile>(*path);
-        if (!(*file)->openError().isEmpty())
-            return fail(exitFailure, (*file)->openError());
-    }
+    const bool capturing = !settings.capture.isEmpty();
+    const Destination destination(capturing ? "--capture" : settings.output.isEmpty() ? nullptr : "--output",
+                                  capturing ? settings.capture : settings.output, reportFd);
+    if (!destination.openError().isEmpty())
+        return fail(exitOutput, destination.openError());
 
     // The identity tools answer on this instrument, for a tree only when allowed, and for a capture
     // as they answered when it was made.
-    bool toolsRun = true;
+    std::optional<DeviceState> replayed;
     const bool replay = !settings.deviceTree.isEmpty() && QFileInfo(settings.deviceTree).isFile();
     if (replay) {
-        const std::optional<DeviceState> replayed = enterCapture(settings, error);
+        replayed = enterCapture(settings, error);
         if (!replayed)
             return fail(exitDeviceRoot, error);
-        toolsRun = replayed->toolsAsked;
-        // A sanitized capture gives sanitized reports: what it replaced is not there to show.
-        settings.sanitize = settings.sanitize || replayed->sanitized;
     } else if (!settings.deviceTree.isEmpty()) {
         if (!enterDeviceTree(settings, error))
             return fail(exitDeviceRoot, error);
-        toolsRun = settings.allowTools;
         // A capture records what the tree holds; a report must not run what it was not allowed to.
-        if (!captureFile && !toolsRun && !removeTools(identityToolPaths(), error))
+        if (!capturing && !settings.allowTools && !removeTools(identityToolPaths(), error))
             return fail(exitDeviceRoot, error);
     }
     // From here on, a copied tree's programs may run: none of them gets a capability.
@@ -345,38 +518,10 @@ int main(int argc, char **argv)
             return fail(exitDeviceRoot, QString::fromLocal8Bit(setupError.what()));
         }
     }
-    if (captureFile)
-        return capture(settings, *captureFile, toolsRun, reportFd);
-
-    ReportOptions options;
-    options.sections = settings.sections;
-    options.identityToolsRun = toolsRun;
-    // One report, collected once; every format renders it. The check judges it before serial numbers
-    // are replaced, since a replaced serial hides a fallback.
-    QVector<ReportSection> report = collectReport(*rfSystemInfo::param(), options);
-    CheckOptions checkOptions;
-    checkOptions.maxCalibrationAgeDays = settings.maxCalibrationAgeDays;
-    checkOptions.strict = settings.strict;
-    const QVector<Finding> findings =
-        settings.check || settings.metrics ? checkReport(report, checkOptions) : QVector<Finding>();
-    if (settings.sanitize)
-        sanitizeReport(report);
-
-    const ReportHeader header{RFSI_VERSION, settings.deviceTree, replay, settings.sanitize};
-    QByteArray output;
-    if (settings.metrics)
-        output = metricsReport(report, findings, settings.strict);
-    else if (settings.check)
-        output =
-            settings.json ? checkJson(header, findings, settings.strict) : checkText(header, findings, settings.strict);
-    else
-        output = settings.json ? jsonReport(header, report) : textReport(header, report);
-    std::fflush(stdout); // the library's own lines, before the report is complete
-    if (outputFile) {
-        if (!outputFile->write(output, error))
-            return fail(exitFailure, error);
-    } else if (!writeReport(reportFd, output)) {
-        return fail(exitFailure, QStringLiteral("cannot write the report: %1").arg(std::strerror(errno)));
-    }
-    return settings.check && !checkPasses(findings, settings.strict) ? exitFailure : exitReport;
+    if (capturing)
+        return capture(settings, destination, replay ? replayed->toolsAsked : settings.deviceTree.isEmpty() ||
+                                                                                  settings.allowTools,
+                       reportFd);
+    const ReportSource source{RFSI_VERSION, settings.deviceTree, replay, false, std::nullopt, {}};
+    return report(settings, source, replayed ? &*replayed : nullptr, destination);
 }
