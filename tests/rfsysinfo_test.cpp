@@ -5,6 +5,8 @@
 #include "Rfsysinfo.h"
 
 #include <QCryptographicHash>
+#include <QDateTime>
+#include <QJsonArray>
 #include <QFile>
 #include <QRegularExpression>
 #include <QSet>
@@ -13,9 +15,12 @@
 #include <archive_entry.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace rfsitest;
@@ -74,7 +79,7 @@ TEST_F(RfsysinfoTest, TextReportShowsEverySectionWithAlignedLabels)
     for (const char *expected :
          {"\nIdentity\n", "\nInventory\n", "\nRF modules\n", "\nFPGA banks\n", "\nDSP images\n", "\nCPRI DSP images\n",
           "\nTemperature\n", "\nCalibration files\n", "KV721-24-0042", "2 (2.1)",
-          "DSP_DEMOD_V2.8.0.bin (version 2.8.0)", "OK(2025-09-30 14:11 CAL-STATION-3)"})
+          "DSP_DEMOD_V2.8.0.bin, version 2.8.0 (FPGA bank 2)", "OK(2025-09-30 14:11 CAL-STATION-3)\n"})
         EXPECT_TRUE(run.out.contains(expected)) << expected;
     // Every labelled line has its value in one column.
     QSet<int> valueColumns;
@@ -87,6 +92,24 @@ TEST_F(RfsysinfoTest, TextReportShowsEverySectionWithAlignedLabels)
     for (const QString &serial : sampleSerials)
         EXPECT_FALSE(sanitized.out.contains(serial)) << serial.toStdString();
     EXPECT_TRUE(sanitized.out.contains("<serial>") && sanitized.out.contains("KV721"));
+}
+
+TEST_F(RfsysinfoTest, MarkersInTheTextSayWhatTheyMeanWhileTheJsonKeepsThem)
+{
+    // The test's own device is empty: every answer is a marker or a default.
+    writeDeviceFile("/Dsp/name.txt", "1\n\n");
+    const ToolRun text = rfsysinfo({});
+    for (const char *expected :
+         {"KV720 (the fallback when no identity tool names it)", "SERIALNOTSET (the fallback when no identity",
+          "RFSERIAL (a fixed text: no RF serial is recorded)", "DPB revision               NONE (file missing or",
+          "YRO                        1 (1.0, not recorded)", "Bank 2                     1000 (no version)",
+          "DSP 0                      (no name), version 1000 (FPGA bank 0 has no version)",
+          "Sensor P                   N/A (no reading)", "NONE/NONE/NONE (NONE: file missing)",
+          "NONE(NONE) (file missing)"})
+        EXPECT_TRUE(text.out.contains(expected)) << expected << "\n" << text.out.toStdString();
+    const QJsonObject json = parsedJson(rfsysinfo({"--json"}));
+    EXPECT_EQ(json["rf"].toObject()["yro"].toObject()["text"], "1.0");
+    EXPECT_EQ(json["dsp"].toObject()["images"].toArray().at(0).toObject()["version"], "1000");
 }
 
 TEST_F(RfsysinfoTest, TheLibrarysOwnMessagesStayOffTheReport)
@@ -137,12 +160,45 @@ TEST_F(RfsysinfoTest, ACaptureOfThisInstrumentReplaysItsReport)
     QJsonObject device = parsedJson(rfsysinfo({"--json"}));
     EXPECT_EQ(replayed.take("deviceTree"), capturePath);
     EXPECT_TRUE(device.take("deviceTree").isNull());
+    QJsonObject origin = replayed.take("capture").toObject();
+    EXPECT_LT(std::abs(QDateTime::fromString(origin.take("captured").toString(), Qt::ISODate)
+                           .secsTo(QDateTime::currentDateTimeUtc())),
+              60);
+    EXPECT_EQ(origin, QJsonObject({{"source", "instrument"},
+                                   {"sourceTree", QJsonValue()},
+                                   {"toolVersion", RFSI_TEST_PACKAGE_VERSION},
+                                   {"softwareRecorded", true},
+                                   {"truncated", QJsonArray()}}));
     EXPECT_EQ(replayed, device);
+}
+
+TEST_F(RfsysinfoTest, AFileOfExactlyTheCapIsCapturedWholeAndOneByteMoreIsCutAndNamed)
+{
+    std::string content = "2025-01-01 cal\n";
+    for (const qint64 size : {qint64{16} << 20, (qint64{16} << 20) + 1}) {
+        content.resize(static_cast<size_t>(size), 'x');
+        writeDeviceFile("/bin/thirdAmpOffset.dat", content);
+        captureOf({});
+        QJsonObject manifest;
+        entriesOf(capturePath, manifest);
+        const QJsonObject recorded = manifest["paths"].toObject()["/bin/thirdAmpOffset.dat"].toObject();
+        const bool cut = size > (qint64{16} << 20);
+        EXPECT_EQ(recorded["truncated"], cut) << size;
+        EXPECT_EQ(recorded["size"], 16 << 20) << size;
+        const ToolRun replay = rfsysinfo({"--root", capturePath, "--section", "calibration"});
+        EXPECT_EQ(replay.out.contains("truncated by the capture: /bin/thirdAmpOffset.dat"), cut) << size;
+        EXPECT_TRUE(replay.out.contains("OK(2025-01-01 cal)")) << replay.out.toStdString();
+    }
 }
 
 TEST_F(RfsysinfoTest, ASanitizedCaptureHoldsNoSerialAndNoProgram)
 {
-    captureOf(sampleWithTools + QStringList{"--sanitize"});
+    // A backup folder is often named after the instrument: its name must not reach the capture either.
+    const std::string named = "/storage/KV721-24-0042";
+    fs::copy(sampleDevice.toStdString(), named, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    const QStringList source = {"--root", QString::fromStdString(named), "--allow-tools", "--sanitize"};
+    EXPECT_FALSE(rfsysinfo(source).out.contains("KV721-24-0042"));
+    captureOf(source);
     QProcess gzip;
     gzip.start("gzip", {"-dc", capturePath});
     gzip.waitForFinished(10000);
@@ -181,17 +237,27 @@ TEST_F(RfsysinfoTest, CheckExitStatusFollowsTheVerdictAndItsOptions)
 {
     // The sample device passes; its dated calibration files are from 2025 (what each finding says
     // is a device case, expected-check.json).
-    const std::pair<QStringList, int> cases[] = {
-        {{}, 0},
-        {{"--strict"}, 0},
-        {{"--max-calibration-age", "36500"}, 0},
-        {{"--max-calibration-age", "1"}, 0}, // warnings only
-        {{"--max-calibration-age", "1", "--strict"}, 1},
+    // Its oldest is 2025-09-29: exactly that many days old is still within the limit.
+    const QString oldestAge = QString::number(QDate(2025, 9, 29).daysTo(QDate::currentDate()));
+    const QString youngerLimit = QString::number(oldestAge.toInt() - 1);
+    const struct
+    {
+        QStringList options;
+        int status;
+        int oldFiles;
+    } cases[] = {
+        {{}, 0, 0},
+        {{"--strict"}, 0, 0},
+        {{"--max-calibration-age", oldestAge}, 0, 0},
+        {{"--max-calibration-age", youngerLimit}, 0, 1}, // warnings only
+        {{"--max-calibration-age", "1"}, 0, 5},
+        {{"--max-calibration-age", "1", "--strict"}, 1, 5},
     };
-    for (const auto &[options, status] : cases) {
+    for (const auto &[options, status, oldFiles] : cases) {
         const ToolRun run = rfsysinfo(QStringList{"--check"} + options + sampleWithTools);
         EXPECT_EQ(run.status, status) << options.join(' ').toStdString() << "\n" << run.out.toStdString();
-        EXPECT_EQ(run.out.count("calibration.old"), options.contains("1") ? 1 : 0) << run.out.toStdString();
+        const QString old = run.out.split('\n').filter("calibration.old").value(0);
+        EXPECT_EQ(old.count("/bin/"), oldFiles) << options.join(' ').toStdString() << "\n" << run.out.toStdString();
         EXPECT_TRUE(run.out.endsWith(status ? "(strict: warnings fail)\n" : "\n"));
     }
     EXPECT_EQ(rfsysinfo({"--check"}).status, 1) << "the test's own device is empty";
@@ -200,6 +266,10 @@ TEST_F(RfsysinfoTest, CheckExitStatusFollowsTheVerdictAndItsOptions)
 TEST_F(RfsysinfoTest, OutputIsWrittenWholeOrNotAtAll)
 {
     fs::create_directories("/storage/out");
+    writeDeviceFile("/storage/out/report", "the old report\n");
+    // A reader that holds the old file keeps seeing it whole: the new one takes its place by a rename.
+    QFile held("/storage/out/report");
+    ASSERT_TRUE(held.open(QIODevice::ReadOnly));
     for (const QStringList &format : {QStringList{"--metrics"}, QStringList{"--json"}, QStringList{"--check"}}) {
         const ToolRun run = rfsysinfo(format + QStringList{"--output", "/storage/out/report"} + sampleWithTools);
         EXPECT_EQ(run.out, "");
@@ -207,29 +277,87 @@ TEST_F(RfsysinfoTest, OutputIsWrittenWholeOrNotAtAll)
         ASSERT_TRUE(written.open(QIODevice::ReadOnly));
         EXPECT_EQ(QString::fromUtf8(written.readAll()), rfsysinfo(format + sampleWithTools).out);
     }
+    EXPECT_EQ(held.readAll(), "the old report\n");
     EXPECT_EQ(fs::directory_iterator("/storage/out")->path(), "/storage/out/report") << "a temporary file was left";
+    const ToolRun dash = rfsysinfo(QStringList{"--json", "--output", "-"} + sampleWithTools);
+    EXPECT_EQ(dash.out, rfsysinfo(QStringList{"--json"} + sampleWithTools).out) << "- is standard output";
+}
+
+// Exit status 4, one line naming the target, and the target as it was: a link, a FIFO, a folder, a full
+// disk, a closed or broken standard output. A check that passes but cannot say so is no failing unit.
+TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTargetAlone)
+{
+    fs::create_directories("/storage/out/folder");
+    writeDeviceFile("/storage/out/kept", "kept\n");
+    fs::create_symlink("/storage/out/kept", "/storage/out/link");
+    ASSERT_EQ(::mkfifo("/storage/out/fifo", 0644), 0);
+    for (const QString option : {"--output", "--capture"})
+        for (const auto &[target, reason] : {std::pair{"/storage/out/link", "it is a symbolic link"},
+                                            {"/storage/out/fifo", "it is a FIFO"},
+                                            {"/storage/out/folder", "it is a folder"},
+                                            {"/storage/out/", "it names a folder"},
+                                            {"/storage/no-such-folder/x", "its folder cannot be opened"}}) {
+            const QStringList arguments =
+                (option == "--output" ? QStringList{"--check"} : QStringList{}) + QStringList{option, target};
+            const ToolRun run = rfsysinfo(arguments + sampleWithTools);
+            EXPECT_EQ(run.status, 4) << arguments.join(' ').toStdString();
+            EXPECT_EQ(run.err, QStringLiteral("rfsysinfo: cannot write %1 %2: %3").arg(option, target, reason) +
+                                   run.err.mid(run.err.indexOf(reason) + static_cast<int>(strlen(reason))))
+                << run.err.toStdString();
+            EXPECT_EQ(run.err.count('\n'), 1) << run.err.toStdString();
+        }
+    EXPECT_EQ(fs::read_symlink("/storage/out/link"), "/storage/out/kept");
+    EXPECT_TRUE(fs::is_fifo("/storage/out/fifo"));
+    EXPECT_EQ(fs::file_size("/storage/out/kept"), 5u);
+    EXPECT_TRUE(fs::is_empty("/storage/out/folder"));
+
+    const QString tool = QStringLiteral(RFSI_TEST_RFSYSINFO);
+    const std::pair<QString, QString> standardOutputs[] = {
+        {"\"$0\" --check --root \"$1\" --allow-tools >/dev/full", "No space left on device"},
+        {"\"$0\" --check --root \"$1\" --allow-tools >&-", "Bad file descriptor"},
+        {"\"$0\" --capture - --root \"$1\" >&-", "Bad file descriptor"},
+        {"\"$0\" --json --root \"$1\" | true; exit ${PIPESTATUS[0]}", "Broken pipe"},
+    };
+    for (const auto &[command, reason] : standardOutputs) {
+        QProcess shell;
+        shell.start("bash", {"-c", command, tool, sampleDevice});
+        shell.waitForFinished(30000);
+        const QString err = QString::fromUtf8(shell.readAllStandardError());
+        EXPECT_EQ(shell.exitCode(), 4) << command.toStdString() << "\n" << err.toStdString();
+        EXPECT_TRUE(err.endsWith(QStringLiteral("cannot write standard output: %1\n").arg(reason)))
+            << command.toStdString() << "\n" << err.toStdString();
+    }
 }
 
 TEST_F(RfsysinfoTest, MisuseAndUnreadableTreesExitWithOneLineReasons)
 {
-    const std::pair<QStringList, int> cases[] = {
-        {{"--bogus"}, 2},
-        {{"--section", "nope"}, 2},
-        {{"extra-argument"}, 2},
-        {{"--root"}, 2},
-        {{"--root", "/storage/no-such-tree"}, 3},
-        {{"--capture", "/storage/c.tgz", "--json"}, 2},
-        {{"--capture", "/storage/no-such-folder/c.tgz"}, 1},
-        {{"--metrics", "--json"}, 2},
-        {{"--check", "--section", "rf"}, 2},
-        {{"--strict"}, 2},
-        {{"--check", "--max-calibration-age", "soon"}, 2},
-        {{"--metrics", "--output", "/storage/no-such-folder/x.prom"}, 1},
+    const std::pair<QStringList, QString> cases[] = {
+        {{"--bogus"}, "Unknown option 'bogus'."},
+        {{"--section", "nope"}, "unknown section 'nope'"},
+        {{"extra-argument"}, "unexpected argument 'extra-argument'"},
+        {{"--root"}, "Missing value after '--root'."},
+        {{"--root", "/storage/a", "--root", "/storage/b"}, "--root is given more than once"},
+        {{"--output", ""}, "--output needs a value, not an empty one"},
+        {{"--output", "--root", "/storage/a"}, "--output needs a value, not the option '--root'"},
+        {{"--allow-tools"}, "--allow-tools goes with --root DIR"},
+        {{"--allow-tools", "--root", sampleDevice + "/tmp/SystemInventoryInfo.info"},
+         "--allow-tools goes with a device tree, not a capture"},
+        {{"--capture", "/storage/c.tgz", "--json"}, "--capture takes the whole device"},
+        {{"--metrics", "--json"}, "--metrics is a format of its own"},
+        {{"--check", "--section", "rf"}, "--check and --metrics take the whole report"},
+        {{"--strict"}, "--strict and --max-calibration-age go with --check"},
+        {{"--check", "--max-calibration-age", "soon"}, "--max-calibration-age takes a whole number, not 'soon'"},
+        {{"--check", "--max-calibration-age", "99999999999999999999"}, "is out of range (0 to 36500)"},
+        {{"--check", "--critical-temperature", "1e9"}, "--critical-temperature takes a number, not '1e9'"},
+        {{"--check", "--critical-temperature", "400"}, "--critical-temperature 400 is out of range (-100 to 300)"},
+        {{"--critical-temperature", "80"}, "--critical-temperature goes with --check or --metrics"},
+        {{"--root", "/storage/no-such-tree"}, "the device tree /storage/no-such-tree cannot be found"},
     };
-    for (const auto &[arguments, status] : cases) {
+    for (const auto &[arguments, message] : cases) {
         const ToolRun run = rfsysinfo(arguments);
-        EXPECT_EQ(run.status, status) << arguments.join(' ').toStdString();
+        EXPECT_EQ(run.status, arguments.contains("/storage/no-such-tree") ? 3 : 2) << arguments.join(' ').toStdString();
         EXPECT_EQ(run.out, "");
-        EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.count('\n') == 1) << run.err.toStdString();
+        EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.contains(message) && run.err.count('\n') == 1)
+            << arguments.join(' ').toStdString() << ": " << run.err.toStdString();
     }
 }

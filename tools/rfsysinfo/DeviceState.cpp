@@ -5,6 +5,8 @@
 #include <rfSystem_Info.h>
 
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
 
 #include <algorithm>
 #include <cerrno>
@@ -109,6 +111,13 @@ QByteArray withSerialValuesReplaced(const QByteArray &inventory, const QStringLi
             line = line.left(equals + 1) + placeholder + (line.endsWith('\r') ? "\r" : "");
     }
     return lines.join('\n');
+}
+
+// `text` as a JSON string, quotes included.
+QByteArray jsonText(const QString &text)
+{
+    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
+    return array.mid(1, array.size() - 2);
 }
 
 bool fail(QString &error, const QString &what, const std::string &path)
@@ -234,9 +243,14 @@ DeviceState readDeviceState(rfSystemInfo &info, bool askTools)
 
 void replaceSerials(DeviceState &state, const QStringList &serials, const QString &placeholder)
 {
-    for (DeviceNode &file : state.files)
+    for (DeviceNode &file : state.files) {
         if (file.path == QLatin1String(rfsi::paths::inventoryInfo))
             file.content = withSerialValuesReplaced(file.content, serials, placeholder.toUtf8());
+        // The board description records the board's serial too, as a JSON text of its own.
+        if (file.path == QLatin1String(rfsi::paths::boardDescription))
+            for (const QString &serial : serials)
+                file.content.replace(jsonText(serial), jsonText(placeholder));
+    }
     for (IdentityAnswer &answer : state.answers)
         if ((answer.argument == QLatin1String(rfsi::paths::productSerialField) && !answer.output.trimmed().isEmpty()) ||
             serials.contains(answer.output.trimmed()))

@@ -230,9 +230,8 @@ void dropDebugLines(QtMsgType type, const QMessageLogContext &, const QString &m
 // The library prints its own messages (the board description's failure lines on standard output,
 // the command runner's debug lines): they must not mix with the report. Returns the descriptor that
 // the report is written to, the original standard output; -1 when there is none (it was closed).
-int separateReportFromLibraryOutput(bool verbose)
+int separateReportFromLibraryOutput(bool outputOpen, bool verbose)
 {
-    const bool outputOpen = ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
     const int reportFd = outputOpen ? ::dup(STDOUT_FILENO) : -1;
     // Standard output itself now leads where the library's lines belong; never to a file opened later.
     const int libraryFd = verbose ? ::dup(STDERR_FILENO) : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -365,9 +364,9 @@ public:
 private:
     QString failure(const QString &reason) const
     {
-        const QString target = toStandardOutput() ? QStringLiteral("standard output") : path;
-        return QStringLiteral("cannot write %1%2: %3")
-            .arg(option ? QStringLiteral("%1 ").arg(QLatin1String(option)) : QString(), target, reason);
+        if (toStandardOutput())
+            return QStringLiteral("cannot write standard output: %1").arg(reason);
+        return QStringLiteral("cannot write %1 %2: %3").arg(QLatin1String(option), path, reason);
     }
 
     const char *option;
@@ -476,6 +475,10 @@ int report(const Settings &settings, ReportSource source, const DeviceState *rep
 
 int main(int argc, char **argv)
 {
+    // Before anything opens a file: a closed standard output must not be taken by one.
+    const bool standardOutputOpen = ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
+    if (!standardOutputOpen && ::open("/dev/null", O_WRONLY) != STDOUT_FILENO)
+        return exitOutput;
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName("rfsysinfo");
     QCoreApplication::setApplicationVersion(RFSI_VERSION);
@@ -487,7 +490,7 @@ int main(int argc, char **argv)
     if (!parseSettings(app, settings, error))
         return fail(exitUsage, error + " (see --help)");
 
-    const int reportFd = separateReportFromLibraryOutput(settings.verbose);
+    const int reportFd = separateReportFromLibraryOutput(standardOutputOpen, settings.verbose);
     // Opened here: inside a device root the output's folder is out of reach.
     const bool capturing = !settings.capture.isEmpty();
     const Destination destination(capturing ? "--capture" : settings.output.isEmpty() ? nullptr : "--output",
