@@ -19,6 +19,12 @@ page_options=$(sed -n '/^\.SH OPTIONS/,/^\.SH EXIT STATUS/p' "$page" | sed 's/\\
 [ "$page_options" = "$help_options" ] ||
     fail "the manual page's options differ from --help: $(echo $page_options) / $(echo $help_options)"
 
+# Every exit status is listed in --help and in the page's EXIT STATUS.
+help_statuses=$("$rfsysinfo" --help | sed -n 's/^Exit status: //p' | grep -o '[0-9] ' | tr -d ' \n')
+page_statuses=$(sed -n '/^\.SH EXIT STATUS/,/^\.SH MARKERS/p' "$page" | sed -n 's/^\.B \([0-9]\)$/\1/p' | tr -d '\n')
+[ "$help_statuses" = 01234 ] && [ "$page_statuses" = 01234 ] ||
+    fail "exit statuses: --help lists '$help_statuses', the manual page '$page_statuses'"
+
 warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null)
 [ -z "$warnings" ] || fail "man warns about the page: $warnings"
 
