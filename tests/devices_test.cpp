@@ -106,8 +106,8 @@ TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACap
             continue;
         ++cases;
         SCOPED_TRACE(folder.path().filename().string());
-        const QJsonObject expected =
-            merged(jsonFile(caseFolders / "missing-files" / "expected.json"), jsonFile(folder.path() / "expected.json"));
+        const QJsonObject expected = merged(jsonFile(caseFolders / "missing-files" / "expected.json"),
+                                            jsonFile(folder.path() / "expected.json"));
         QList<QStringList> sources;
         if (fs::exists(folder.path() / "capture.tgz")) {
             sources << QStringList{"--root", QString::fromStdString((folder.path() / "capture.tgz").string())};

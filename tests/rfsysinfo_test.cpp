@@ -6,8 +6,8 @@
 
 #include <QCryptographicHash>
 #include <QDateTime>
-#include <QJsonArray>
 #include <QFile>
+#include <QJsonArray>
 #include <QRegularExpression>
 #include <QSet>
 
@@ -261,6 +261,12 @@ TEST_F(RfsysinfoTest, CheckExitStatusFollowsTheVerdictAndItsOptions)
         EXPECT_TRUE(run.out.endsWith(status ? "(strict: warnings fail)\n" : "\n"));
     }
     EXPECT_EQ(rfsysinfo({"--check"}).status, 1) << "the test's own device is empty";
+    // The verdict names the instrument (sanitized when asked) and when it was judged.
+    QJsonObject json = parsedJson(rfsysinfo(QStringList{"--check", "--json", "--sanitize"} + sampleWithTools));
+    EXPECT_EQ(json["identity"], QJsonObject({{"model", "KV721"}, {"serialNumber", "<serial>"}}));
+    const QDateTime checked = QDateTime::fromString(json["checked"].toString(), Qt::ISODate);
+    EXPECT_LT(std::abs(checked.secsTo(QDateTime::currentDateTimeUtc())), 60)
+        << json["checked"].toString().toStdString();
 }
 
 TEST_F(RfsysinfoTest, OutputIsWrittenWholeOrNotAtAll)
@@ -297,10 +303,10 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
     ASSERT_EQ(::mkfifo("/storage/out/fifo", 0644), 0);
     for (const QString option : {"--output", "--capture"})
         for (const auto &[target, reason] : {std::pair{"/storage/out/link", "it is a symbolic link"},
-                                            {"/storage/out/fifo", "it is a FIFO"},
-                                            {"/storage/out/folder", "it is a folder"},
-                                            {"/storage/out/", "it names a folder"},
-                                            {"/storage/no-such-folder/x", "its folder cannot be opened"}}) {
+                                             {"/storage/out/fifo", "it is a FIFO"},
+                                             {"/storage/out/folder", "it is a folder"},
+                                             {"/storage/out/", "it names a folder"},
+                                             {"/storage/no-such-folder/x", "its folder cannot be opened"}}) {
             const QStringList arguments =
                 (option == "--output" ? QStringList{"--check"} : QStringList{}) + QStringList{option, target};
             const ToolRun run = rfsysinfo(arguments + sampleWithTools);
@@ -329,7 +335,8 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
         const QString err = QString::fromUtf8(shell.readAllStandardError());
         EXPECT_EQ(shell.exitCode(), 4) << command.toStdString() << "\n" << err.toStdString();
         EXPECT_TRUE(err.endsWith(QStringLiteral("cannot write standard output: %1\n").arg(reason)))
-            << command.toStdString() << "\n" << err.toStdString();
+            << command.toStdString() << "\n"
+            << err.toStdString();
     }
 }
 

@@ -271,9 +271,9 @@ private:
         for (const char *key : {"firmwareVersion", "uiVersion", "rfSerial"})
             if (!software.value(QLatin1String(key)).isString())
                 return false;
-        origin.software = InstrumentSoftware{software.value("firmwareVersion").toString(),
-                                             software.value("uiVersion").toString(),
-                                             software.value("rfSerial").toString()};
+        origin.software =
+            InstrumentSoftware{software.value("firmwareVersion").toString(), software.value("uiVersion").toString(),
+                               software.value("rfSerial").toString()};
         return true;
     }
 

@@ -1,6 +1,5 @@
 #include "MetricsOutput.h"
 
-
 #include <QDateTime>
 #include <QLocale>
 

@@ -84,7 +84,8 @@ void checkImages(const char *id, const QString &what, const DspImages &images, F
     QStringList incomplete;
     QJsonArray data;
     for (const DspImage &image : images.images) {
-        for (const auto &[missing, text] : {std::pair{image.name.isEmpty(), "name"}, {image.version.isEmpty(), "version"}})
+        for (const auto &[missing, text] :
+             {std::pair{image.name.isEmpty(), "name"}, {image.version.isEmpty(), "version"}})
             if (missing) {
                 incomplete << QStringLiteral("%1 (no %2)").arg(image.index).arg(QLatin1String(text));
                 data.append(QJsonObject{{"index", image.index}, {"missing", text}});
@@ -125,14 +126,15 @@ void checkTemperatures(const Report &report, const CheckOptions &options, Findin
             hotData.append(QJsonObject{{"sensor", reading.sensor}, {"celsius", *reading.celsius}});
         }
     }
-    findings.add("temperature.unavailable", false, QStringLiteral("temperature sensors without a reading"),
-                 unavailable, QJsonObject{{"sensors", unavailableData}});
+    findings.add("temperature.unavailable", false, QStringLiteral("temperature sensors without a reading"), unavailable,
+                 QJsonObject{{"sensors", unavailableData}});
     if (!limit) {
         const QString text = report.inventoryText("DPB_CriticalTemp");
         findings.add("temperature.limit-unknown", false,
                      QStringLiteral("no critical temperature to judge the sensors by (--critical-temperature gives "
                                     "one)"),
-                     {QStringLiteral("DPB_CriticalTemp is '%1'").arg(text)}, QJsonObject{{"key", "DPB_CriticalTemp"}, {"value", text}});
+                     {QStringLiteral("DPB_CriticalTemp is '%1'").arg(text)},
+                     QJsonObject{{"key", "DPB_CriticalTemp"}, {"value", text}});
         return;
     }
     findings.add("temperature.critical", true,
@@ -159,8 +161,8 @@ void checkCalibration(const Report &report, const CheckOptions &options, Finding
             }
         }
     findings.add("calibration.missing", true, QStringLiteral("calibration files missing"), missing, "files");
-    findings.add("calibration.unreadable", true, QStringLiteral("calibration files present but unreadable"),
-                 unreadable, "files");
+    findings.add("calibration.unreadable", true, QStringLiteral("calibration files present but unreadable"), unreadable,
+                 "files");
     findings.add("calibration.old", false,
                  QStringLiteral("calibration older than %1 days").arg(options.maxCalibrationAgeDays), old,
                  QJsonObject{{"maxAgeDays", options.maxCalibrationAgeDays}, {"files", oldData}});
@@ -196,8 +198,7 @@ QVector<Finding> checkReport(const Report &report, const CheckOptions &options)
     checkInventory(report.inventory, findings);
     checkRfRevision(report.rf, findings);
     checkImages("dsp.incomplete", QStringLiteral("active DSPs without a name or version"), report.dsp, findings);
-    checkImages("cpri.incomplete", QStringLiteral("active CPRI DSPs without a name or version"), report.cpri,
-                findings);
+    checkImages("cpri.incomplete", QStringLiteral("active CPRI DSPs without a name or version"), report.cpri, findings);
     checkFpga(report, findings);
     checkTemperatures(report, options, findings);
     checkCalibration(report, options, findings);

@@ -21,7 +21,7 @@ struct CheckOptions
 {
     int maxCalibrationAgeDays = -1; // -1: the calibration dates are not judged
     QDate today = QDate::currentDate();
-    bool strict = false;                        // warnings fail too
+    bool strict = false;                       // warnings fail too
     std::optional<double> criticalTemperature; // the limit where the inventory gives none
 };
 

@@ -59,7 +59,10 @@ struct CalibrationQuery
     bool dated;
 };
 const CalibrationQuery calibrationQueries[] = {
-    {"flatness", "Flatness (DNC/Low/High)", &rfSystemInfo::checkFlatnessFile, {flatnessDnc, flatnessLow, flatnessHigh},
+    {"flatness",
+     "Flatness (DNC/Low/High)",
+     &rfSystemInfo::checkFlatnessFile,
+     {flatnessDnc, flatnessLow, flatnessHigh},
      false},
     {"dncDac", "DNC DAC (1/2)", &rfSystemInfo::checkDncDacFile, {dncDac1, dncDac2}, false},
     {"yroDac", "YRO DAC (low/high)", &rfSystemInfo::checkYroDacFile, {yroDacLow, yroDacHigh}, false},
@@ -73,12 +76,8 @@ const CalibrationQuery calibrationQueries[] = {
 
 Identity identityOf(rfSystemInfo &info, const ReportOptions &options)
 {
-    return {info.getSystemModel(),
-            info.getSystemSerial(),
-            info.checkSystemFirmwareVersion(),
-            info.checkSystemUIVersion(),
-            info.checkSystemRfSerial(),
-            options.identityToolsRun};
+    return {info.getSystemModel(),       info.getSystemSerial(),     info.checkSystemFirmwareVersion(),
+            info.checkSystemUIVersion(), info.checkSystemRfSerial(), options.identityToolsRun};
 }
 
 QVector<InventoryValue> inventoryOf(rfSystemInfo &info)
@@ -149,8 +148,8 @@ CalibrationEntry calibrationOf(rfSystemInfo &info, const CalibrationQuery &query
 {
     CalibrationEntry entry{QLatin1String(query.key), QLatin1String(query.label), (info.*query.query)(), {}};
     if (query.dated) {
-        CalibrationFile file{QLatin1String(query.paths.front()), entry.answer.startsWith(QLatin1String("OK(")),
-                             true, false, entry.answer.mid(entry.answer.indexOf('(') + 1).chopped(1)};
+        CalibrationFile file{QLatin1String(query.paths.front()), entry.answer.startsWith(QLatin1String("OK(")), true,
+                             false, entry.answer.mid(entry.answer.indexOf('(') + 1).chopped(1)};
         // A first line that reads NONE looks like an unreadable file: the library gives the same text.
         file.readable = file.present && file.firstLine != QLatin1String(marker::none);
         entry.files << file;
@@ -226,7 +225,8 @@ Report collectReport(rfSystemInfo &info, const ReportOptions &options)
         report.fpga = fpgaBanksOf(info);
     if (report.has("dsp"))
         report.dsp = imagesOf(
-            info.getDspActiveCount(), highestDspIndex + 1, true, [&info](int index) { return info.checkDspString(index); },
+            info.getDspActiveCount(), highestDspIndex + 1, true,
+            [&info](int index) { return info.checkDspString(index); },
             [&info](int index) { return info.checkDspVersion(index); });
     if (report.has("cpri"))
         report.cpri = imagesOf(

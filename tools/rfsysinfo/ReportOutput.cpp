@@ -43,12 +43,11 @@ Section identitySection(const Identity &identity)
     using namespace rfsi::paths;
     const bool fallbackModelUsed = identity.model == QLatin1String(fallbackModel);
     return {"Identity",
-            {{"Model", explained(identity.model, fallbackModelUsed ? "the fallback when no identity tool names it"
+            {{"Model",
+              explained(identity.model, fallbackModelUsed ? "the fallback when no identity tool names it" : QString())},
+             {"Serial number", explained(identity.serialNumber, identity.serialNumber == QLatin1String(fallbackSerial)
+                                                                    ? "the fallback when no identity tool gives it"
                                                                     : QString())},
-             {"Serial number",
-              explained(identity.serialNumber, identity.serialNumber == QLatin1String(fallbackSerial)
-                                                   ? "the fallback when no identity tool gives it"
-                                                   : QString())},
              {"Firmware version", identity.firmwareVersion},
              {"UI version", identity.uiVersion},
              {"RF serial", explained(identity.rfSerial, identity.rfSerial == QLatin1String(marker::fixedRfSerial)
@@ -82,10 +81,10 @@ Section rfSection(const RfModules &rf)
 
 Section fpgaSection(const FpgaBanks &fpga)
 {
-    Section section{"FPGA banks",
-                    {{"Board description", fpga.boardDescriptionLoaded
-                                               ? "loaded"
-                                               : "missing or not valid JSON (versions default to 1000)"}}};
+    Section section{
+        "FPGA banks",
+        {{"Board description",
+          fpga.boardDescriptionLoaded ? "loaded" : "missing or not valid JSON (versions default to 1000)"}}};
     for (int bank = 0; bank < fpga.banks.size(); ++bank)
         section.lines.push_back({QStringLiteral("Bank %1").arg(bank),
                                  explained(fpga.banks[bank].version,
@@ -187,7 +186,8 @@ QString headerText(const ReportSource &source)
             text += QStringLiteral("the capture does not record the instrument's software: firmware and UI versions "
                                    "are this machine's\n");
         for (const QString &path : source.truncatedFiles)
-            text += QStringLiteral("truncated by the capture: %1 (what is reported of it cannot be trusted)\n").arg(path);
+            text +=
+                QStringLiteral("truncated by the capture: %1 (what is reported of it cannot be trusted)\n").arg(path);
     }
     return text;
 }
@@ -204,9 +204,12 @@ QJsonObject sectionJson(const Report &report, const QString &name)
 {
     if (name == "identity") {
         const Identity &identity = report.identity;
-        return {{"model", identity.model},         {"serialNumber", identity.serialNumber},
-                {"firmwareVersion", identity.firmwareVersion}, {"uiVersion", identity.uiVersion},
-                {"rfSerial", identity.rfSerial},   {"identityToolsRun", identity.toolsRun}};
+        return {{"model", identity.model},
+                {"serialNumber", identity.serialNumber},
+                {"firmwareVersion", identity.firmwareVersion},
+                {"uiVersion", identity.uiVersion},
+                {"rfSerial", identity.rfSerial},
+                {"identityToolsRun", identity.toolsRun}};
     }
     QJsonObject json;
     if (name == "inventory") {

@@ -6,8 +6,8 @@
 #include "MetricsOutput.h"
 #include "OutputFile.h"
 #include "ReportCheck.h"
-#include "ReportOutput.h"
 #include "ReportModel.h"
+#include "ReportOutput.h"
 #include "devicePaths.h"
 
 #include <rfSystem_Info.h>
@@ -89,8 +89,8 @@ bool singleValue(const QCommandLineParser &parser, const QCommandLineOption &opt
 }
 
 // A number within [lowest, highest]: "not a number" and "out of range" are told apart.
-std::optional<double> numberOption(const QString &name, const QString &text, double lowest, double highest,
-                                   bool whole, QString &error)
+std::optional<double> numberOption(const QString &name, const QString &text, double lowest, double highest, bool whole,
+                                   QString &error)
 {
     static const QRegularExpression wholeNumber(QStringLiteral("^[+-]?[0-9]+$"));
     static const QRegularExpression decimal(QStringLiteral("^[+-]?([0-9]+(\\.[0-9]*)?|\\.[0-9]+)$"));
@@ -180,9 +180,8 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
             return false;
         settings.maxCalibrationAgeDays = static_cast<int>(*days);
     }
-    if (!limit.isEmpty() &&
-        !(settings.criticalTemperature =
-              numberOption("--critical-temperature", limit, lowestLimit, highestLimit, false, error)))
+    if (!limit.isEmpty() && !(settings.criticalTemperature = numberOption("--critical-temperature", limit, lowestLimit,
+                                                                          highestLimit, false, error)))
         return false;
     for (const QString &section : settings.sections) {
         if (!reportSectionNames().contains(section)) {
@@ -341,8 +340,8 @@ public:
         }
         qint64 written = 0;
         while (written < content.size()) {
-            const ssize_t count = ::write(standardOutput, content.constData() + written,
-                                          static_cast<size_t>(content.size() - written));
+            const ssize_t count =
+                ::write(standardOutput, content.constData() + written, static_cast<size_t>(content.size() - written));
             if (count < 0 && errno == EINTR)
                 continue;
             if (count <= 0) {
@@ -392,8 +391,7 @@ QStringList serialNumbersOf(rfSystemInfo &info, const DeviceState &state)
     inventoryOnly.sections = QStringList{QStringLiteral("inventory")};
     QStringList serials = serialNumbersIn(collectReport(info, inventoryOnly));
     for (const IdentityAnswer &answer : state.answers)
-        if (answer.argument == QLatin1String(rfsi::paths::productSerialField) &&
-            !isMarkerText(answer.output.trimmed()))
+        if (answer.argument == QLatin1String(rfsi::paths::productSerialField) && !isMarkerText(answer.output.trimmed()))
             serials << answer.output.trimmed();
     return serials;
 }
@@ -460,8 +458,8 @@ int report(const Settings &settings, ReportSource source, const DeviceState *rep
     if (settings.metrics)
         text = metricsReport(report, findings, checkOptions);
     else if (settings.check)
-        text = settings.json ? checkJson(report, findings, settings.strict)
-                             : checkText(report, findings, settings.strict);
+        text =
+            settings.json ? checkJson(report, findings, settings.strict) : checkText(report, findings, settings.strict);
     else
         text = settings.json ? jsonReport(report) : textReport(report);
     std::fflush(stdout); // the library's own lines, before the report is complete
@@ -493,7 +491,9 @@ int main(int argc, char **argv)
     const int reportFd = separateReportFromLibraryOutput(standardOutputOpen, settings.verbose);
     // Opened here: inside a device root the output's folder is out of reach.
     const bool capturing = !settings.capture.isEmpty();
-    const Destination destination(capturing ? "--capture" : settings.output.isEmpty() ? nullptr : "--output",
+    const Destination destination(capturing                   ? "--capture"
+                                  : settings.output.isEmpty() ? nullptr
+                                                              : "--output",
                                   capturing ? settings.capture : settings.output, reportFd);
     if (!destination.openError().isEmpty())
         return fail(exitOutput, destination.openError());
@@ -522,9 +522,8 @@ int main(int argc, char **argv)
         }
     }
     if (capturing)
-        return capture(settings, destination, replay ? replayed->toolsAsked : settings.deviceTree.isEmpty() ||
-                                                                                  settings.allowTools,
-                       reportFd);
+        return capture(settings, destination,
+                       replay ? replayed->toolsAsked : settings.deviceTree.isEmpty() || settings.allowTools, reportFd);
     const ReportSource source{RFSI_VERSION, settings.deviceTree, replay, false, std::nullopt, {}};
     return report(settings, source, replayed ? &*replayed : nullptr, destination);
 }
