@@ -109,11 +109,14 @@ TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACap
         const QJsonObject expected = merged(jsonFile(caseFolders / "missing-files" / "expected.json"),
                                             jsonFile(folder.path() / "expected.json"));
         QList<QStringList> sources;
+        const QString capture = QStringLiteral("/storage/capture.tgz");
         if (fs::exists(folder.path() / "capture.tgz")) {
-            sources << QStringList{"--root", QString::fromStdString((folder.path() / "capture.tgz").string())};
+            // A capture of the replay is the same device again.
+            const QStringList given = {"--root", QString::fromStdString((folder.path() / "capture.tgz").string())};
+            ASSERT_EQ(rfsysinfo(QStringList{"--capture", capture} + given).status, 0);
+            sources << given << QStringList{"--root", capture};
         } else {
             const QStringList tree = QStringList{"--root", preparedTree(folder.path())} + argumentsOf(folder.path());
-            const QString capture = QStringLiteral("/storage/capture.tgz");
             ASSERT_EQ(rfsysinfo(QStringList{"--capture", capture} + tree).status, 0);
             sources << tree << QStringList{"--root", capture};
         }

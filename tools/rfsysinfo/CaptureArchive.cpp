@@ -65,7 +65,8 @@ QJsonObject manifestJson(const DeviceState &state)
             QJsonObject{{"program", answer.program}, {"argument", answer.argument}, {"output", answer.output}});
     QJsonObject manifest{
         {"format", formatName},
-        {"formatVersion", captureFormatVersion},
+        // Without the instrument's software (a capture of a format 1 capture) it is format 1 still.
+        {"formatVersion", origin.software ? captureFormatVersion : 1},
         {"toolVersion", origin.toolVersion},
         {"captured", origin.captured.toUTC().toString(Qt::ISODate)},
         {"source", origin.sourceTree.isEmpty() ? "instrument" : "tree"},

@@ -180,8 +180,7 @@ QString headerText(const ReportSource &source)
     if (const std::optional<CaptureOrigin> &origin = source.origin) {
         text += QStringLiteral("captured %1 by rfsysinfo %2 from %3\n")
                     .arg(origin->captured.toUTC().toString(Qt::ISODate), origin->toolVersion,
-                         origin->sourceTree.isEmpty() ? QStringLiteral("the instrument")
-                                                      : QStringLiteral("the device tree %1").arg(origin->sourceTree));
+                         origin->sourceTree.isEmpty() ? QStringLiteral("the instrument") : origin->sourceTree);
         if (!origin->software)
             text += QStringLiteral("the capture does not record the instrument's software: firmware and UI versions "
                                    "are this machine's\n");

@@ -396,10 +396,19 @@ QStringList serialNumbersOf(rfSystemInfo &info, const DeviceState &state)
     return serials;
 }
 
-int capture(const Settings &settings, const Destination &destination, bool askTools, int summaryFd)
+int capture(const Settings &settings, const Destination &destination, const DeviceState *replayed, int summaryFd)
 {
     rfSystemInfo &info = *rfSystemInfo::param();
+    const bool askTools = replayed ? replayed->toolsAsked : settings.deviceTree.isEmpty() || settings.allowTools;
     DeviceState state = readDeviceState(info, askTools);
+    // A capture of a capture keeps the instrument's software, not this machine's, and what the first
+    // capture cut short stays marked.
+    if (replayed) {
+        state.origin.software = replayed->origin.software;
+        const QStringList truncated = replayed->truncatedFiles();
+        for (DeviceNode &file : state.files)
+            file.truncated = file.truncated || truncated.contains(file.path);
+    }
     state.origin.toolVersion = RFSI_VERSION;
     state.origin.captured = captureTime();
     state.origin.sourceTree = settings.deviceTree;
@@ -522,8 +531,7 @@ int main(int argc, char **argv)
         }
     }
     if (capturing)
-        return capture(settings, destination,
-                       replay ? replayed->toolsAsked : settings.deviceTree.isEmpty() || settings.allowTools, reportFd);
+        return capture(settings, destination, replayed ? &*replayed : nullptr, reportFd);
     const ReportSource source{RFSI_VERSION, settings.deviceTree, replay, false, std::nullopt, {}};
     return report(settings, source, replayed ? &*replayed : nullptr, destination);
 }
