@@ -26,8 +26,10 @@ bool writeAll(int fd, const QByteArray &content)
         const ssize_t count = ::write(fd, content.constData() + written, static_cast<size_t>(content.size() - written));
         if (count < 0 && errno == EINTR)
             continue;
-        if (count <= 0)
+        if (count <= 0) {
+            errno = count == 0 ? EIO : errno;
             return false;
+        }
         written += count;
     }
     return true;
@@ -102,4 +104,48 @@ bool OutputFile::write(const QByteArray &content, QString &writeError)
         return false;
     }
     return true;
+}
+
+Destination::Destination(const char *option, const QString &path, int standardOutput)
+    : option(option), path(path), standardOutput(standardOutput)
+{
+    if (!toStandardOutput())
+        file = std::make_unique<OutputFile>(path);
+}
+
+bool Destination::toStandardOutput() const
+{
+    return path.isEmpty() || path == QLatin1String("-");
+}
+
+QString Destination::openError() const
+{
+    if (toStandardOutput())
+        return standardOutput < 0 ? failure(QString::fromLocal8Bit(std::strerror(EBADF))) : QString();
+    return file->openError().isEmpty() ? QString() : failure(file->openError());
+}
+
+bool Destination::write(const QByteArray &content, QString &error) const
+{
+    QString reason;
+    if (!toStandardOutput()) {
+        if (file->write(content, reason))
+            return true;
+    } else if (!writeAll(standardOutput, content)) {
+        reason = systemError("");
+    } else if (::fsync(standardOutput) != 0 && errno != EINVAL && errno != EROFS) {
+        // A full disk may show only now, on a file system that writes back late.
+        reason = systemError("");
+    } else {
+        return true;
+    }
+    error = failure(reason);
+    return false;
+}
+
+QString Destination::failure(const QString &reason) const
+{
+    if (toStandardOutput())
+        return QStringLiteral("cannot write standard output: %1").arg(reason);
+    return QStringLiteral("cannot write %1 %2: %3").arg(QLatin1String(option), path, reason);
 }

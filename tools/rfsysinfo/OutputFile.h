@@ -8,6 +8,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <memory>
+
 class OutputFile
 {
 public:
@@ -28,6 +30,30 @@ private:
     QByteArray name;
     int folderFd = -1;
     QString error;
+};
+
+// Where a report or a capture goes: a file written as above, or standard output ("-", or no path).
+// Every failure is told as one line that names the target and the reason.
+class Destination
+{
+public:
+    // `option` names the target in messages ("--output"); `standardOutput` is the report's descriptor,
+    // -1 when standard output was closed.
+    Destination(const char *option, const QString &path, int standardOutput);
+
+    // Empty when the destination can be written.
+    QString openError() const;
+    // Writes everything, or says why not.
+    bool write(const QByteArray &content, QString &error) const;
+    bool toStandardOutput() const;
+
+private:
+    QString failure(const QString &reason) const;
+
+    const char *option;
+    QString path;
+    int standardOutput;
+    std::unique_ptr<OutputFile> file;
 };
 
 #endif // RFSYSINFO_OUTPUTFILE_H

@@ -106,6 +106,40 @@ std::optional<double> numberOption(const QString &name, const QString &text, dou
     return number;
 }
 
+// The options that exclude each other, or need another.
+bool optionsGoTogether(const Settings &settings, QString &error)
+{
+    const bool fromCapture = QFileInfo(settings.deviceTree).isFile();
+    if (settings.allowTools && (settings.deviceTree.isEmpty() || fromCapture)) {
+        error = settings.deviceTree.isEmpty()
+                    ? "--allow-tools goes with --root DIR: on this instrument the identity tools always run"
+                    : "--allow-tools goes with a device tree, not a capture: a capture replays the answers it holds";
+        return false;
+    }
+    if (!settings.capture.isEmpty() && (settings.json || !settings.sections.isEmpty() || settings.check ||
+                                        settings.metrics || !settings.output.isEmpty())) {
+        error = "--capture takes the whole device and prints no report: it goes with no other output option";
+        return false;
+    }
+    if ((settings.check || settings.metrics) && !settings.sections.isEmpty()) {
+        error = "--check and --metrics take the whole report: they do not go with --section";
+        return false;
+    }
+    if (settings.metrics && (settings.check || settings.json)) {
+        error = "--metrics is a format of its own: it goes with neither --check nor --json";
+        return false;
+    }
+    if ((settings.strict || settings.maxCalibrationAgeDays >= 0) && !settings.check) {
+        error = "--strict and --max-calibration-age go with --check";
+        return false;
+    }
+    if (settings.criticalTemperature && !settings.check && !settings.metrics) {
+        error = "--critical-temperature goes with --check or --metrics";
+        return false;
+    }
+    return true;
+}
+
 // Parses the command line; exits for --help and --version, returns false (with `error`) on misuse.
 bool parseSettings(const QCoreApplication &app, Settings &settings, QString &error)
 {
@@ -189,35 +223,7 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
             return false;
         }
     }
-    const bool fromCapture = QFileInfo(settings.deviceTree).isFile();
-    if (settings.allowTools && (settings.deviceTree.isEmpty() || fromCapture)) {
-        error = settings.deviceTree.isEmpty()
-                    ? "--allow-tools goes with --root DIR: on this instrument the identity tools always run"
-                    : "--allow-tools goes with a device tree, not a capture: a capture replays the answers it holds";
-        return false;
-    }
-    if (parser.isSet(captureOption) && (settings.json || !settings.sections.isEmpty() || settings.check ||
-                                        settings.metrics || parser.isSet(outputOption))) {
-        error = "--capture takes the whole device and prints no report: it goes with no other output option";
-        return false;
-    }
-    if ((settings.check || settings.metrics) && !settings.sections.isEmpty()) {
-        error = "--check and --metrics take the whole report: they do not go with --section";
-        return false;
-    }
-    if (settings.metrics && (settings.check || settings.json)) {
-        error = "--metrics is a format of its own: it goes with neither --check nor --json";
-        return false;
-    }
-    if ((settings.strict || !age.isEmpty()) && !settings.check) {
-        error = "--strict and --max-calibration-age go with --check";
-        return false;
-    }
-    if (!limit.isEmpty() && !settings.check && !settings.metrics) {
-        error = "--critical-temperature goes with --check or --metrics";
-        return false;
-    }
-    return true;
+    return optionsGoTogether(settings, error);
 }
 
 void dropDebugLines(QtMsgType type, const QMessageLogContext &, const QString &message)
@@ -311,68 +317,6 @@ std::optional<DeviceState> enterCapture(const Settings &settings, QString &error
         return std::nullopt;
     return state;
 }
-
-// Where a report or a capture goes: a file replaced whole, or standard output.
-class Destination
-{
-public:
-    Destination(const char *option, const QString &path, int standardOutput)
-        : option(option), path(path), standardOutput(standardOutput)
-    {
-        if (!toStandardOutput())
-            file = std::make_unique<OutputFile>(path);
-    }
-
-    // Empty when the destination can be written.
-    QString openError() const
-    {
-        if (toStandardOutput())
-            return standardOutput < 0 ? failure(QString::fromLocal8Bit(std::strerror(EBADF))) : QString();
-        return file->openError().isEmpty() ? QString() : failure(file->openError());
-    }
-
-    // Writes everything, or says why not (exit status 4).
-    bool write(const QByteArray &content, QString &error) const
-    {
-        if (!toStandardOutput()) {
-            QString reason;
-            return file->write(content, reason) || (error = failure(reason), false);
-        }
-        qint64 written = 0;
-        while (written < content.size()) {
-            const ssize_t count =
-                ::write(standardOutput, content.constData() + written, static_cast<size_t>(content.size() - written));
-            if (count < 0 && errno == EINTR)
-                continue;
-            if (count <= 0) {
-                error = failure(QString::fromLocal8Bit(std::strerror(count < 0 ? errno : EIO)));
-                return false;
-            }
-            written += count;
-        }
-        // A full disk may show only now, on a file system that writes back late.
-        if (::fsync(standardOutput) != 0 && errno != EINVAL && errno != EROFS) {
-            error = failure(QString::fromLocal8Bit(std::strerror(errno)));
-            return false;
-        }
-        return true;
-    }
-
-    bool toStandardOutput() const { return path.isEmpty() || path == QLatin1String("-"); }
-
-private:
-    QString failure(const QString &reason) const
-    {
-        if (toStandardOutput())
-            return QStringLiteral("cannot write standard output: %1").arg(reason);
-        return QStringLiteral("cannot write %1 %2: %3").arg(QLatin1String(option), path, reason);
-    }
-
-    const char *option;
-    QString path;
-    int standardOutput;
-    std::unique_ptr<OutputFile> file;
-};
 
 // The time a capture records: now, or SOURCE_DATE_EPOCH where it is set, so that two captures of an
 // unchanged device can be made byte for byte the same.
