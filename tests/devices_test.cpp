@@ -20,10 +20,24 @@ namespace {
 
 const fs::path caseFolders = RFSI_TEST_SOURCE_DIR "/tests/devices";
 
-QJsonObject jsonFile(const fs::path &path)
+QJsonDocument jsonDocument(const fs::path &path)
 {
     QFile file(QString::fromStdString(path.string()));
-    return file.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(file.readAll()).object() : QJsonObject();
+    return file.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(file.readAll()) : QJsonDocument();
+}
+
+QJsonObject jsonFile(const fs::path &path)
+{
+    return jsonDocument(path).object();
+}
+
+// A case file that names another file below the cases' folder, as its absolute path.
+QString namedFile(const fs::path &file)
+{
+    std::ifstream named(file);
+    std::string relative;
+    std::getline(named, relative);
+    return QString::fromStdString((caseFolders / relative).string());
 }
 
 // The report without the header keys that name the tool, its version and the source.
@@ -64,6 +78,24 @@ void listDifferences(const QJsonValue &expected, const QJsonValue &actual, const
             return QString::fromUtf8(QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact)).mid(1).chopped(1);
         };
         lines << path + ": " + text(expected) + " ≠ " + text(actual);
+    }
+}
+
+// With a release profile: the check against it. With a side to compare with: the differences.
+void listReleaseAndDiff(const fs::path &caseFolder, const QStringList &source, QStringList &differences)
+{
+    if (fs::exists(caseFolder / "expected-release.json")) {
+        const QJsonObject expected = jsonFile(caseFolder / "expected-release.json");
+        const ToolRun run =
+            rfsysinfo(QStringList{"--check", "--json", "--expect", namedFile(caseFolder / "profile")} + source);
+        listDifferences(expected, parsedJson(run).value("check"), "/release", differences);
+        EXPECT_EQ(run.status, expected.value("verdict") == "pass" ? 0 : 1) << run.err.toStdString();
+    }
+    if (fs::exists(caseFolder / "expected-diff.json")) {
+        const QJsonArray expected = jsonDocument(caseFolder / "expected-diff.json").array();
+        const ToolRun run = rfsysinfo(QStringList{"--diff", namedFile(caseFolder / "diff-before"), "--json"} + source);
+        listDifferences(expected, parsedJson(run).value("diff").toObject().value("differences"), "/diff", differences);
+        EXPECT_EQ(run.status, expected.isEmpty() ? 0 : 1) << run.err.toStdString();
     }
 }
 
@@ -129,6 +161,7 @@ TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACap
                 listDifferences(expectedCheck, parsedJson(check).value("check"), "/check", differences);
                 EXPECT_EQ(check.status, expectedCheck.value("verdict") == "pass" ? 0 : 1);
             }
+            listReleaseAndDiff(folder.path(), source, differences);
             EXPECT_TRUE(differences.isEmpty()) << source.join(' ').toStdString() << ":\n"
                                                << differences.join('\n').toStdString();
         }
@@ -159,4 +192,42 @@ TEST_F(DeviceCasesTest, EachRefusedCaptureIsRefusedQuicklyForItsReason)
     }
     EXPECT_GE(cases, 15);
     EXPECT_FALSE(fs::exists("/storage/escaped"));
+}
+
+// A release profile is untrusted input too: refused with one line that names the place, within a
+// second, before any device is read. What is no report either is refused as a side of --diff.
+TEST_F(DeviceCasesTest, EachRefusedProfileIsRefusedQuicklyForItsReason)
+{
+    std::ofstream("/storage/huge.json").close();
+    fs::resize_file("/storage/huge.json", qint64{1} << 30); // sparse: a gigabyte of NUL bytes
+    std::vector<std::pair<fs::path, std::string>> profiles = {{"/storage/huge.json", "it is larger than 1024 KiB"}};
+    for (const fs::directory_entry &folder : fs::directory_iterator(caseFolders)) {
+        std::ifstream refusalFile(folder.path() / "profile-refusal");
+        std::string refusal;
+        if (std::getline(refusalFile, refusal))
+            profiles.emplace_back(folder.path() / "profile.json", refusal);
+    }
+    ASSERT_GE(profiles.size(), 10u);
+    const QStringList sample = {"--root", RFSI_TEST_SOURCE_DIR "/examples/device", "--allow-tools"};
+    for (const auto &[profile, refusal] : profiles) {
+        SCOPED_TRACE(profile.string());
+        const QString path = QString::fromStdString(profile.string());
+        QElapsedTimer timer;
+        timer.start();
+        const ToolRun run = rfsysinfo(QStringList{"--check", "--expect", path} + sample);
+        EXPECT_LT(timer.elapsed(), 1000);
+        EXPECT_EQ(run.status, 2);
+        EXPECT_EQ(run.out, "");
+        EXPECT_TRUE(run.err.startsWith("rfsysinfo: refused the release profile " + path + ": ") &&
+                    run.err.count('\n') == 1 && run.err.contains(QString::fromStdString(refusal)))
+            << run.err.toStdString();
+        std::ifstream reportRefusalFile(profile.parent_path() / "report-refusal");
+        std::string reportRefusal;
+        if (!std::getline(reportRefusalFile, reportRefusal))
+            continue;
+        const ToolRun diff = rfsysinfo(QStringList{"--diff", path} + sample);
+        EXPECT_EQ(diff.status, 3);
+        EXPECT_TRUE(diff.err.contains("refused the report " + path + ": " + QString::fromStdString(reportRefusal)))
+            << diff.err.toStdString();
+    }
 }

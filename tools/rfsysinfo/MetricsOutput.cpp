@@ -138,11 +138,28 @@ void calibration(const Report &report, Families &out)
                            {{"file", file.path}});
 }
 
+// Whether the unit carries its release, and in how many keys it does not.
+void release(const QVector<Finding> &findings, const CheckOptions &options, Families &out)
+{
+    if (!options.release)
+        return;
+    const int mismatches = countOf(findings, QStringLiteral("release.mismatch"));
+    out.family("release_conformant", "Whether the unit carries its release profile (1) or not (0).");
+    out.sample(mismatches == 0, {{"profile", options.release->name}});
+    out.family("release_mismatches", "The keys in which the unit differs from its release profile.");
+    out.sample(mismatches, {{"profile", options.release->name}});
+}
+
 void check(const QVector<Finding> &findings, bool strict, Families &out)
 {
-    out.family("check_finding", "Each finding of the check, by its id and severity; the value is always 1.");
+    out.family("check_finding", "The check's findings by id and severity: how many there are of each.");
+    QStringList ids;
     for (const Finding &finding : findings)
-        out.sample(1, {{"id", finding.id}, {"severity", QLatin1String(finding.error ? "error" : "warning")}});
+        if (!ids.contains(finding.id)) {
+            ids << finding.id;
+            out.sample(countOf(findings, finding.id),
+                       {{"id", finding.id}, {"severity", QLatin1String(finding.error ? "error" : "warning")}});
+        }
     out.family("check_findings", "The check's findings by severity.");
     for (bool error : {true, false})
         out.sample(
@@ -163,6 +180,7 @@ QByteArray metricsReport(const Report &report, const QVector<Finding> &findings,
     temperatures(report, options, out);
     calibration(report, out);
     check(findings, options.strict, out);
+    release(findings, options, out);
     out.family("report_timestamp_seconds", "When this report was collected, as Unix time.");
     out.sample(static_cast<double>(report.collected.toSecsSinceEpoch()));
     return out.text.toUtf8();

@@ -168,6 +168,23 @@ void checkCalibration(const Report &report, const CheckOptions &options, Finding
                  QJsonObject{{"maxAgeDays", options.maxCalibrationAgeDays}, {"files", oldData}});
 }
 
+// Each key where the unit differs from its release profile, one finding a key.
+void checkRelease(const Report &report, const CheckOptions &options, Findings &findings)
+{
+    if (!options.release)
+        return;
+    for (const ReleaseMismatch &mismatch : releaseMismatches(*options.release, reportSections(report)))
+        findings.list.push_back(
+            {QStringLiteral("release.mismatch"), true,
+             QStringLiteral("%1 %2 is %3, release %4 expects %5")
+                 .arg(mismatch.section, mismatch.key, shownValue(mismatch.actual), options.release->name,
+                      shownValue(mismatch.expected)),
+             QJsonObject{{"section", mismatch.section},
+                         {"key", mismatch.key},
+                         {"expected", mismatch.expected},
+                         {"actual", mismatch.actual.isUndefined() ? QJsonValue() : mismatch.actual}}});
+}
+
 int countOf(const QVector<Finding> &findings, bool error)
 {
     return static_cast<int>(std::count_if(findings.begin(), findings.end(),
@@ -202,6 +219,7 @@ QVector<Finding> checkReport(const Report &report, const CheckOptions &options)
     checkFpga(report, findings);
     checkTemperatures(report, options, findings);
     checkCalibration(report, options, findings);
+    checkRelease(report, options, findings);
     return findings.list;
 }
 
@@ -210,23 +228,33 @@ bool checkPasses(const QVector<Finding> &findings, bool strict)
     return countOf(findings, true) == 0 && (!strict || findings.isEmpty());
 }
 
-QByteArray checkText(const Report &report, const QVector<Finding> &findings, bool strict)
+int countOf(const QVector<Finding> &findings, const QString &id)
 {
+    return static_cast<int>(
+        std::count_if(findings.begin(), findings.end(), [&id](const Finding &finding) { return finding.id == id; }));
+}
+
+QByteArray checkText(const Report &report, const QVector<Finding> &findings, const CheckOptions &options)
+{
+    const bool strict = options.strict;
     QString text;
     for (const Finding &finding : findings)
         text += QStringLiteral("%1 %2 %3\n")
                     .arg(QString::fromLatin1(finding.error ? "error" : "warning").leftJustified(7),
                          finding.id.leftJustified(25), finding.message);
-    text += QStringLiteral("rfsysinfo %1 check of %2 (%3 %4): %5, %6 and %7%8\n")
+    text += QStringLiteral("rfsysinfo %1 check of %2 (%3 %4)%5: %6, %7 and %8%9\n")
                 .arg(report.source.toolVersion, sourceDescription(report.source), report.identity.model,
-                     report.identity.serialNumber, QLatin1String(checkPasses(findings, strict) ? "PASS" : "FAIL"),
+                     report.identity.serialNumber,
+                     options.release ? QStringLiteral(" against release %1").arg(options.release->name) : QString(),
+                     QLatin1String(checkPasses(findings, strict) ? "PASS" : "FAIL"),
                      plural(countOf(findings, true), "error"), plural(countOf(findings, false), "warning"),
                      QLatin1String(strict ? " (strict: warnings fail)" : ""));
     return text.toUtf8();
 }
 
-QByteArray checkJson(const Report &report, const QVector<Finding> &findings, bool strict)
+QByteArray checkJson(const Report &report, const QVector<Finding> &findings, const CheckOptions &options)
 {
+    const bool strict = options.strict;
     QJsonArray list;
     for (const Finding &finding : findings)
         list.append(QJsonObject{{"id", finding.id},
@@ -239,6 +267,7 @@ QByteArray checkJson(const Report &report, const QVector<Finding> &findings, boo
     document.insert("checked", report.collected.toUTC().toString(Qt::ISODate));
     document.insert("check", QJsonObject{{"verdict", checkPasses(findings, strict) ? "pass" : "fail"},
                                          {"strict", strict},
+                                         {"profile", options.release ? options.release->name : QJsonValue()},
                                          {"findings", list}});
     return QJsonDocument(document).toJson(QJsonDocument::Indented);
 }

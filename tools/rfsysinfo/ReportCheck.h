@@ -4,6 +4,7 @@
 #ifndef RFSYSINFO_REPORTCHECK_H
 #define RFSYSINFO_REPORTCHECK_H
 
+#include "ReleaseProfile.h"
 #include "ReportModel.h"
 
 #include <QDate>
@@ -23,6 +24,7 @@ struct CheckOptions
     QDate today = QDate::currentDate();
     bool strict = false;                       // warnings fail too
     std::optional<double> criticalTemperature; // the limit where the inventory gives none
+    std::optional<ReleaseProfile> release;     // what the unit must carry
 };
 
 // The critical temperature the check judges by: the inventory's, else the one given.
@@ -38,7 +40,10 @@ QVector<Finding> checkReport(const Report &report, const CheckOptions &options);
 // Whether the findings pass: no error, and with `strict` no warning either.
 bool checkPasses(const QVector<Finding> &findings, bool strict);
 
-QByteArray checkText(const Report &report, const QVector<Finding> &findings, bool strict);
-QByteArray checkJson(const Report &report, const QVector<Finding> &findings, bool strict);
+// The number of findings with this id.
+int countOf(const QVector<Finding> &findings, const QString &id);
+
+QByteArray checkText(const Report &report, const QVector<Finding> &findings, const CheckOptions &options);
+QByteArray checkJson(const Report &report, const QVector<Finding> &findings, const CheckOptions &options);
 
 #endif // RFSYSINFO_REPORTCHECK_H

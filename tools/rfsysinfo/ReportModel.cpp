@@ -241,6 +241,24 @@ Report collectReport(rfSystemInfo &info, const ReportOptions &options)
     return report;
 }
 
+Report emptyReport()
+{
+    Report report;
+    report.sections = reportSectionNames();
+    for (const InventoryEntry &entry : inventoryEntries)
+        report.inventory.push_back({QLatin1String(entry.key), QLatin1String(entry.label), entry.serial, {}});
+    report.rf.modules = {{"yro", "YRO", 0, {}}, {"mixer", "Mixer", 0, {}}, {"dnc", "DNC", 0, {}}};
+    for (int bank = 0; bank < fpgaBankCount; ++bank)
+        report.fpga.banks.push_back({QStringLiteral("FPGA_BANK_%1_VER").arg(bank), {}});
+    report.dsp.images = {{0, {}, {}, 0}};
+    report.cpri.images = {{0, {}, {}, -1}};
+    for (const char *label : temperatureLabels)
+        report.temperature.readings.push_back({QLatin1String(label), {}, std::nullopt});
+    for (const CalibrationQuery &query : calibrationQueries)
+        report.calibration.push_back({QLatin1String(query.key), QLatin1String(query.label), {}, {}});
+    return report;
+}
+
 std::optional<double> numberIn(const QString &text)
 {
     bool ok = false;

@@ -150,6 +150,10 @@ QStringList reportSectionNames();
 // Asks the library for every selected section.
 Report collectReport(rfSystemInfo &info, const ReportOptions &options);
 
+// Every section with every key and empty values, and one image in each image list: the shape that
+// the JSON report has, against which profiles and saved reports are checked.
+Report emptyReport();
+
 // A text read as a number (C locale, white space around allowed); nothing when it is none.
 std::optional<double> numberIn(const QString &text);
 // The date a text begins with (YYYY-MM-DD), if it does.

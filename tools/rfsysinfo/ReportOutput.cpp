@@ -285,10 +285,24 @@ QJsonObject jsonHeader(const Report &report)
     return header;
 }
 
+QJsonObject reportSections(const Report &report)
+{
+    QJsonObject sections;
+    for (const QString &name : report.sections)
+        sections.insert(name, sectionJson(report, name));
+    return sections;
+}
+
+QStringList jsonHeaderKeys()
+{
+    return {"tool", "version", "deviceTree", "sanitized", "capture"};
+}
+
 QByteArray jsonReport(const Report &report)
 {
     QJsonObject document = jsonHeader(report);
-    for (const QString &name : report.sections)
-        document.insert(name, sectionJson(report, name));
+    const QJsonObject sections = reportSections(report);
+    for (auto section = sections.begin(); section != sections.end(); ++section)
+        document.insert(section.key(), section.value());
     return QJsonDocument(document).toJson(QJsonDocument::Indented);
 }

@@ -16,6 +16,12 @@ QJsonObject jsonHeader(const Report &report);
 // "this instrument", "device tree X" or "capture X".
 QString sourceDescription(const ReportSource &source);
 
+// The report's sections as the JSON document holds them, without the header keys.
+QJsonObject reportSections(const Report &report);
+
+// The header keys of the JSON document, which name the tool and the source rather than the device.
+QStringList jsonHeaderKeys();
+
 QByteArray textReport(const Report &report);
 QByteArray jsonReport(const Report &report);
 

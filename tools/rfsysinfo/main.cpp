@@ -5,7 +5,9 @@
 #include "DeviceState.h"
 #include "MetricsOutput.h"
 #include "OutputFile.h"
+#include "ReleaseProfile.h"
 #include "ReportCheck.h"
+#include "ReportDiff.h"
 #include "ReportModel.h"
 #include "ReportOutput.h"
 #include "devicePaths.h"
@@ -39,9 +41,10 @@ constexpr int exitDeviceRoot = 3; // the device tree or capture cannot be read
 constexpr int exitOutput = 4;     // the output cannot be written
 
 constexpr char exitStatuses[] =
-    "Exit status: 0 the report was written (and with --check the unit passes); 1 the check fails; 2 usage "
-    "error; 3 the device tree or capture cannot be read; 4 the output cannot be written (full disk, closed "
-    "or broken standard output, a refused or failed --output or --capture target).";
+    "Exit status: 0 the report was written (and with --check the unit passes; with --diff the sides are "
+    "equal); 1 the check fails (with --diff: the sides differ); 2 usage error, or a release profile "
+    "refused; 3 the device tree, capture or a side of --diff cannot be read; 4 the output cannot be written "
+    "(full disk, closed or broken standard output, a refused or failed --output or --capture target).";
 
 constexpr int longestCalibrationAge = 36500; // a century
 constexpr double lowestLimit = -100, highestLimit = 300;
@@ -61,6 +64,9 @@ struct Settings
     bool strict = false;
     int maxCalibrationAgeDays = -1;
     std::optional<double> criticalTemperature;
+    std::optional<ReleaseProfile> release; // --expect, read before any device root hides its file
+    bool diff = false;
+    QStringList diffSides; // BEFORE [AFTER]
 };
 
 int fail(int status, const QString &message)
@@ -110,7 +116,18 @@ std::optional<double> numberOption(const QString &name, const QString &text, dou
 bool optionsGoTogether(const Settings &settings, QString &error)
 {
     const bool fromCapture = QFileInfo(settings.deviceTree).isFile();
-    if (settings.allowTools && (settings.deviceTree.isEmpty() || fromCapture)) {
+    bool treeToRun = !settings.deviceTree.isEmpty() && !fromCapture;
+    for (const QString &side : settings.diffSides)
+        treeToRun = treeToRun || QFileInfo(side).isDir();
+    if (settings.diff && (settings.check || settings.metrics || !settings.capture.isEmpty())) {
+        error = "--diff is a report of its own: it goes with neither --check, --metrics nor --capture";
+        return false;
+    }
+    if (settings.diff && settings.diffSides.size() == 2 && !settings.deviceTree.isEmpty()) {
+        error = "--diff BEFORE AFTER takes no --root: --root stands for AFTER when it is left out";
+        return false;
+    }
+    if (settings.allowTools && !treeToRun) {
         error = settings.deviceTree.isEmpty()
                     ? "--allow-tools goes with --root DIR: on this instrument the identity tools always run"
                     : "--allow-tools goes with a device tree, not a capture: a capture replays the answers it holds";
@@ -131,6 +148,10 @@ bool optionsGoTogether(const Settings &settings, QString &error)
     }
     if ((settings.strict || settings.maxCalibrationAgeDays >= 0) && !settings.check) {
         error = "--strict and --max-calibration-age go with --check";
+        return false;
+    }
+    if (settings.release && !settings.check && !settings.metrics) {
+        error = "--expect goes with --check or --metrics";
         return false;
     }
     if (settings.criticalTemperature && !settings.check && !settings.metrics) {
@@ -175,11 +196,19 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
                                          "gives no critical temperature.",
                                          "C");
     const QCommandLineOption metricsOption("metrics", "Print the report in Prometheus' text exposition format.");
+    const QCommandLineOption expectOption("expect",
+                                          "With --check or --metrics: the release PROFILE the unit must carry, a "
+                                          "JSON file in the report's shape reduced to what must hold.",
+                                          "PROFILE");
+    const QCommandLineOption diffOption("diff",
+                                        "Compare two reports key by key: BEFORE [AFTER], each a capture, a device "
+                                        "tree or a JSON report; AFTER is --root or this instrument when left out.");
     const QCommandLineOption outputOption(
         "output", "Write the report to FILE, atomically, instead of standard output; - is standard output.", "FILE");
     const QCommandLineOption verboseOption("verbose", "Show the library's own messages on standard error.");
     parser.addOptions({jsonOption, rootOption, allowToolsOption, captureOption, sanitizeOption, sectionOption,
-                       checkOption, strictOption, ageOption, limitOption, metricsOption, outputOption, verboseOption});
+                       checkOption, strictOption, ageOption, limitOption, metricsOption, expectOption, diffOption,
+                       outputOption, verboseOption});
 
     if (!parser.parse(app.arguments())) {
         error = parser.errorText();
@@ -189,13 +218,21 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
         parser.showHelp(exitReport);
     if (parser.isSet(versionOption))
         parser.showVersion();
-    QString age, limit;
+    QString age, limit, profile;
     if (!singleValue(parser, rootOption, settings.deviceTree, error) ||
         !singleValue(parser, captureOption, settings.capture, error) ||
         !singleValue(parser, outputOption, settings.output, error) || !singleValue(parser, ageOption, age, error) ||
-        !singleValue(parser, limitOption, limit, error))
+        !singleValue(parser, limitOption, limit, error) || !singleValue(parser, expectOption, profile, error))
         return false;
-    if (!parser.positionalArguments().isEmpty()) {
+    settings.diff = parser.isSet(diffOption);
+    if (settings.diff) {
+        settings.diffSides = parser.positionalArguments();
+        if (settings.diffSides.isEmpty() || settings.diffSides.size() > 2 || settings.diffSides.contains(QString())) {
+            error = "--diff takes BEFORE and at most AFTER: a capture, a device tree or a JSON report each";
+            return false;
+        }
+    }
+    if (!settings.diff && !parser.positionalArguments().isEmpty()) {
         error = "unexpected argument '" + parser.positionalArguments().first() + "'";
         return false;
     }
@@ -217,6 +254,14 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
     if (!limit.isEmpty() && !(settings.criticalTemperature = numberOption("--critical-temperature", limit, lowestLimit,
                                                                           highestLimit, false, error)))
         return false;
+    if (!profile.isEmpty()) {
+        QString refusal;
+        settings.release = readReleaseProfile(profile, refusal);
+        if (!settings.release) {
+            error = QStringLiteral("refused the release profile %1: %2").arg(profile, refusal);
+            return false;
+        }
+    }
     for (const QString &section : settings.sections) {
         if (!reportSectionNames().contains(section)) {
             error = "unknown section '" + section + "' (sections: " + reportSectionNames().join(", ") + ")";
@@ -401,6 +446,7 @@ int report(const Settings &settings, ReportSource source, const DeviceState *rep
     checkOptions.maxCalibrationAgeDays = settings.maxCalibrationAgeDays;
     checkOptions.strict = settings.strict;
     checkOptions.criticalTemperature = settings.criticalTemperature;
+    checkOptions.release = settings.release;
     const QVector<Finding> findings =
         settings.check || settings.metrics ? checkReport(report, checkOptions) : QVector<Finding>();
     // A sanitized capture gives sanitized reports: what it replaced is not there to show.
@@ -411,8 +457,7 @@ int report(const Settings &settings, ReportSource source, const DeviceState *rep
     if (settings.metrics)
         text = metricsReport(report, findings, checkOptions);
     else if (settings.check)
-        text =
-            settings.json ? checkJson(report, findings, settings.strict) : checkText(report, findings, settings.strict);
+        text = settings.json ? checkJson(report, findings, checkOptions) : checkText(report, findings, checkOptions);
     else
         text = settings.json ? jsonReport(report) : textReport(report);
     std::fflush(stdout); // the library's own lines, before the report is complete
@@ -420,6 +465,29 @@ int report(const Settings &settings, ReportSource source, const DeviceState *rep
     if (!output.write(text, error))
         return fail(exitOutput, error);
     return settings.check && !checkPasses(findings, settings.strict) ? exitFailure : exitReport;
+}
+
+// Two reports compared key by key: exit status 0 when equal, 1 when they differ.
+int diff(const Settings &settings, const Destination &output)
+{
+    const DiffOptions options{settings.allowTools, settings.sanitize};
+    QString error;
+    std::optional<DiffSide> sides[2];
+    for (int side = 0; side < 2; ++side) {
+        // AFTER left out: the --root source, or this instrument.
+        const QString path = settings.diffSides.value(side, settings.deviceTree);
+        sides[side] = readDiffSide(path, options, error);
+        if (!sides[side])
+            return fail(exitDeviceRoot, QStringLiteral("cannot read %1 (%2): %3")
+                                            .arg(side == 0 ? "BEFORE" : "AFTER",
+                                                 path.isEmpty() ? QStringLiteral("this instrument") : path, error));
+    }
+    const QVector<Difference> differences = reportDifferences(*sides[0], *sides[1], settings.sections);
+    const QByteArray text =
+        settings.json ? diffJson(*sides[0], *sides[1], differences) : diffText(*sides[0], *sides[1], differences);
+    if (!output.write(text, error))
+        return fail(exitOutput, error);
+    return differences.isEmpty() ? exitReport : exitFailure;
 }
 
 } // namespace
@@ -439,7 +507,7 @@ int main(int argc, char **argv)
     Settings settings;
     QString error;
     if (!parseSettings(app, settings, error))
-        return fail(exitUsage, error + " (see --help)");
+        return fail(exitUsage, error.startsWith(QLatin1String("refused")) ? error : error + " (see --help)");
 
     const int reportFd = separateReportFromLibraryOutput(standardOutputOpen, settings.verbose);
     // Opened here: inside a device root the output's folder is out of reach.
@@ -450,6 +518,9 @@ int main(int argc, char **argv)
                                   capturing ? settings.capture : settings.output, reportFd);
     if (!destination.openError().isEmpty())
         return fail(exitOutput, destination.openError());
+
+    if (settings.diff)
+        return diff(settings, destination);
 
     // The identity tools answer on this instrument, for a tree only when allowed, and for a capture
     // as they answered when it was made.

@@ -1,0 +1,227 @@
+#include "JsonInput.h"
+
+#include "ReportModel.h"
+#include "ReportOutput.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QSet>
+#include <QVector>
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// At most `cap` + 1 bytes of the regular file at `path`.
+std::optional<QByteArray> boundedRead(const QString &path, QString &refusal)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    struct stat info;
+    if (fd < 0 || ::fstat(fd, &info) != 0) {
+        refusal = QString::fromLocal8Bit(std::strerror(errno));
+        if (fd >= 0)
+            ::close(fd);
+        return std::nullopt;
+    }
+    QByteArray bytes;
+    if (!S_ISREG(info.st_mode)) {
+        refusal = QStringLiteral("it is not a regular file");
+    } else {
+        bytes.resize(static_cast<int>(jsonInputCap + 1));
+        qint64 size = 0;
+        for (ssize_t count = 1; count > 0 && size<bytes.size(); size += count> 0 ? count : 0)
+            count = ::read(fd, bytes.data() + size, static_cast<size_t>(bytes.size() - size));
+        bytes.truncate(static_cast<int>(size));
+        if (size > jsonInputCap)
+            refusal = QStringLiteral("it is larger than %1 KiB").arg(jsonInputCap >> 10);
+    }
+    ::close(fd);
+    return refusal.isEmpty() ? std::optional<QByteArray>(bytes) : std::nullopt;
+}
+
+// The first key that stands twice in one object, if any. Qt's parser keeps one of the two silently.
+std::optional<QString> duplicatedKey(const QByteArray &json)
+{
+    struct Level
+    {
+        bool object;
+        bool expectingKey;
+        QSet<QString> keys;
+    };
+    QVector<Level> levels;
+    for (int at = 0; at < json.size(); ++at) {
+        const char c = json[at];
+        if (c == '"') {
+            int end = at + 1;
+            while (end < json.size() && json[end] != '"')
+                end += json[end] == '\\' ? 2 : 1;
+            if (!levels.isEmpty() && levels.back().object && levels.back().expectingKey) {
+                // Decoded, so that an escaped spelling of a key counts as the key.
+                const QString key =
+                    QJsonDocument::fromJson("[" + json.mid(at, end - at + 1) + "]").array().at(0).toString();
+                if (levels.back().keys.contains(key))
+                    return key;
+                levels.back().keys.insert(key);
+                levels.back().expectingKey = false;
+            }
+            at = end;
+        } else if (c == '{' || c == '[') {
+            levels.push_back({c == '{', c == '{', {}});
+        } else if ((c == '}' || c == ']') && !levels.isEmpty()) {
+            levels.pop_back();
+        } else if (c == ',' && !levels.isEmpty() && levels.back().object) {
+            levels.back().expectingKey = true;
+        }
+    }
+    return std::nullopt;
+}
+
+QString typeName(const QJsonValue &value)
+{
+    return value.isString() ? QStringLiteral("a text")
+           : value.isBool() ? QStringLiteral("true or false")
+                            : QStringLiteral("a number");
+}
+
+class ShapeCheck
+{
+public:
+    explicit ShapeCheck(JsonInputUse use) : use(use) {}
+
+    bool value(const QJsonValue &value, const QJsonValue &shape, const QString &place)
+    {
+        if (shape.isObject())
+            return object(value, shape.toObject(), place);
+        if (shape.isArray())
+            return images(value, place);
+        if (value.type() == shape.type())
+            return true;
+        if (use == JsonInputUse::Profile && value.isArray() && !value.toArray().isEmpty()) {
+            for (const QJsonValue &accepted : value.toArray())
+                if (accepted.type() != shape.type())
+                    return refuse(place, QStringLiteral("lists a value that is not %1").arg(typeName(shape)));
+            return true;
+        }
+        return refuse(place, QStringLiteral("must be %1%2")
+                                 .arg(typeName(shape), use == JsonInputUse::Profile
+                                                           ? QStringLiteral(" or a list of accepted values")
+                                                           : QString()));
+    }
+
+    bool object(const QJsonValue &value, const QJsonObject &shape, const QString &place)
+    {
+        if (!value.isObject())
+            return refuse(place, QStringLiteral("must be an object"));
+        const QJsonObject members = value.toObject();
+        for (auto member = members.begin(); member != members.end(); ++member) {
+            const QString inner = place + '.' + member.key();
+            if (member.key() == QLatin1String("identityToolsRun") && place == QLatin1String("identity"))
+                continue;
+            if (!shape.contains(member.key()))
+                return refuse(inner, QStringLiteral("is no key of the report"));
+            if (!this->value(member.value(), shape.value(member.key()), inner))
+                return false;
+        }
+        return true;
+    }
+
+    // DSP and CPRI DSP images: objects with their index and any of name and version.
+    bool images(const QJsonValue &value, const QString &place)
+    {
+        if (!value.isArray())
+            return refuse(place, QStringLiteral("must be a list of images"));
+        QSet<int> indices;
+        const QJsonArray list = value.toArray();
+        for (int i = 0; i < list.size(); ++i) {
+            const QString inner = QStringLiteral("%1[%2]").arg(place).arg(i);
+            const QJsonObject image = list.at(i).toObject();
+            const double index = image.value("index").toDouble(-1);
+            if (!list.at(i).isObject() || !image.value("index").isDouble() || index < 0 || index > 99 ||
+                index != static_cast<int>(index) || indices.contains(static_cast<int>(index)))
+                return refuse(inner, QStringLiteral("must be an image with an index of its own (0 to 99)"));
+            indices.insert(static_cast<int>(index));
+            const QJsonObject shape{{"index", 0}, {"name", ""}, {"version", ""}};
+            for (auto member = image.begin(); member != image.end(); ++member)
+                if (member.key() != QLatin1String("index") &&
+                    !(shape.contains(member.key())
+                          ? this->value(member.value(), shape.value(member.key()), inner + '.' + member.key())
+                          : refuse(inner + '.' + member.key(), QStringLiteral("is no key of an image"))))
+                    return false;
+        }
+        return true;
+    }
+
+    bool refuse(const QString &place, const QString &reason)
+    {
+        refusal = place + ' ' + reason;
+        return false;
+    }
+
+    QString refusal;
+
+private:
+    JsonInputUse use;
+};
+
+} // namespace
+
+std::optional<QJsonObject> readJsonInput(const QString &path, QString &refusal)
+{
+    const std::optional<QByteArray> bytes = boundedRead(path, refusal);
+    if (!bytes)
+        return std::nullopt;
+    if (const int nul = bytes->indexOf('\0'); nul >= 0) {
+        refusal = QStringLiteral("it holds a NUL byte at byte %1").arg(nul);
+        return std::nullopt;
+    }
+    if (QString::fromUtf8(*bytes).toUtf8() != *bytes) {
+        refusal = QStringLiteral("it is not valid UTF-8");
+        return std::nullopt;
+    }
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(*bytes, &error);
+    if (error.error != QJsonParseError::NoError) {
+        refusal = QStringLiteral("it is not JSON: %1 at byte %2").arg(error.errorString()).arg(error.offset);
+        return std::nullopt;
+    }
+    if (!document.isObject()) {
+        refusal = QStringLiteral("it is not a JSON object");
+        return std::nullopt;
+    }
+    if (const std::optional<QString> key = duplicatedKey(*bytes)) {
+        refusal = QStringLiteral("it holds the key '%1' twice in one object").arg(*key);
+        return std::nullopt;
+    }
+    return document.object();
+}
+
+bool hasReportShape(const QJsonObject &document, JsonInputUse use, QString &refusal)
+{
+    const QJsonObject shape = reportSections(emptyReport());
+    ShapeCheck check(use);
+    for (auto section = document.begin(); section != document.end(); ++section) {
+        const QString name = section.key();
+        bool valid = true;
+        if (jsonHeaderKeys().contains(name))
+            continue;
+        if (use == JsonInputUse::Profile && name == QLatin1String("profile"))
+            valid = section->isString() || check.refuse(name, QStringLiteral("must be a text that names the release"));
+        else if (use == JsonInputUse::Profile && name == QLatin1String("temperature"))
+            valid = check.refuse(name, QStringLiteral("holds readings, which are no property of a release"));
+        else if (!shape.contains(name))
+            valid = check.refuse(name, QStringLiteral("is no section of the report"));
+        else
+            valid = check.object(section.value(), shape.value(name).toObject(), name);
+        if (!valid) {
+            refusal = check.refusal;
+            return false;
+        }
+    }
+    return true;
+}

@@ -1,0 +1,46 @@
+// What changed between two reports of an instrument: before and after a repair, or a customer's unit
+// against a good one. Each side is a capture, a device tree or a saved JSON report; the reports are
+// compared key by key, whatever names the tool or the source left out.
+#ifndef RFSYSINFO_REPORTDIFF_H
+#define RFSYSINFO_REPORTDIFF_H
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <optional>
+
+struct DiffSide
+{
+    QString kind; // "capture", "tree", "report" or "instrument"
+    QString name; // as given; empty for the instrument
+    QJsonObject sections;
+    QString captured; // a capture's (or a saved replay's) time of capture
+};
+
+struct DiffOptions
+{
+    bool allowTools = false; // run a device tree's identity tools
+    bool sanitize = false;
+};
+
+// The report of a side: `path` a capture, a device tree or a JSON report written by rfsysinfo --json;
+// empty for this instrument. Captures and trees are read by this program run again, each in a private
+// device root of its own. Nothing, with `error`, when the side cannot be read.
+std::optional<DiffSide> readDiffSide(const QString &path, const DiffOptions &options, QString &error);
+
+struct Difference
+{
+    QString section, key;     // "fpga", "banks.FPGA_BANK_2_VER"; images as "images[2].name"
+    QJsonValue before, after; // undefined: absent on that side
+};
+
+// Key by key, in report order (numbers in keys in numeric order), `sections` only when not empty.
+QVector<Difference> reportDifferences(const DiffSide &before, const DiffSide &after, const QStringList &sections);
+
+QByteArray diffText(const DiffSide &before, const DiffSide &after, const QVector<Difference> &differences);
+QByteArray diffJson(const DiffSide &before, const DiffSide &after, const QVector<Difference> &differences);
+
+#endif // RFSYSINFO_REPORTDIFF_H
