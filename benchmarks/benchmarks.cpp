@@ -351,7 +351,8 @@ ToolCost runReportTool(const std::vector<const char *> &arguments)
 }
 
 // The report tool on the sample device: a plain report, the check, the metrics, a capture of the
-// device, and a report replayed from that capture; median time and peak memory of 20 runs each.
+// device, a report replayed from that capture, a check against a release profile and a diff with the
+// capture; median time and peak memory of 20 runs each.
 std::string measureCaptureAndReplay()
 {
     const std::pair<const char *, std::vector<const char *>> runs[] = {
@@ -360,6 +361,13 @@ std::string measureCaptureAndReplay()
         {"metrics (--metrics)", {"--metrics"}},
         {"capture (--capture)", {"--capture", "/tmp/benchmark-capture.tgz"}},
         {"replayed report (--json --root CAPTURE)", {"--json", "--root", "/tmp/benchmark-capture.tgz"}},
+        // A release profile made as the README says, then the unit judged against it, and the unit
+        // compared with its capture (two reports, each a run of the tool).
+        {"release profile (--json --section ...)",
+         {"--json", "--section", "identity", "--section", "fpga", "--section", "dsp", "--output",
+          "/tmp/benchmark-release.json"}},
+        {"check against it (--check --expect PROFILE)", {"--check", "--expect", "/tmp/benchmark-release.json"}},
+        {"diff with the capture (--diff CAPTURE)", {"--diff", "/tmp/benchmark-capture.tgz"}},
     };
     std::string table = "\nrfsysinfo on the sample device (median of 20 runs):\n";
     for (const auto &[name, arguments] : runs) {

@@ -41,6 +41,22 @@ for expected in 'hot rfsi_check_finding{id="temperature.critical",severity="erro
     grep -qxF "${expected#* }" "$work/${expected%% *}.prom" || fail "${expected%% *}.prom lacks ${expected#* }"
 done
 
+echo "== the packaged service: a release profile in /etc/rfsysinfo is used when it is there"
+command=$(sed -n "s/^ExecStart=\/bin\/sh -c '\(.*\)'$/\1/p" "$source_dir/tools/rfsysinfo/systemd/rfsysinfo-metrics.service" |
+    sed -e "s|/etc/rfsysinfo/release.json|$work/release.json|g" -e "s|/var/lib/prometheus/node-exporter|$work|g" \
+        -e "s|/usr/bin/rfsysinfo|$rfsysinfo --root $cases/release-bank-and-image-changed/tree --allow-tools|g")
+[ -n "$command" ] || fail "the service's ExecStart is not the expected shell command"
+sh -c "$command" && ! grep -q '^rfsi_release' "$work/rfsysinfo.prom" || fail "a release was judged without a profile"
+cp "$cases/profiles/kv721-release-2026.11.json" "$work/release.json"
+sh -c "$command" || fail "the service failed with a release profile"
+for expected in 'rfsi_release_conformant{profile="KV721 release 2026.11"} 0' \
+    'rfsi_release_mismatches{profile="KV721 release 2026.11"} 3' \
+    'rfsi_check_finding{id="release.mismatch",severity="error"} 3'; do
+    grep -qxF "$expected" "$work/rfsysinfo.prom" || fail "the service's metrics lack $expected"
+done
+promtool check metrics <"$work/rfsysinfo.prom" || fail "promtool rejects the metrics of a unit off its release"
+rm "$work/rfsysinfo.prom"
+
 echo "== promtool check metrics: quotes, backslashes and line ends in the device's texts"
 mkdir -p "$work/hostile/tmp" "$work/hostile/bin" "$work/hostile/Dsp"
 printf '%s\n' 'DPB_HardwareSetName="quote \" backslash \\ line\nend"' 'DPB_Revision=a\\b' \
