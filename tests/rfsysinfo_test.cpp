@@ -362,7 +362,13 @@ TEST_F(RfsysinfoTest, MisuseAndUnreadableTreesExitWithOneLineReasons)
         {{"--check", "--critical-temperature", "1e9"}, "--critical-temperature takes a number, not '1e9'"},
         {{"--check", "--critical-temperature", "400"}, "--critical-temperature 400 is out of range (-100 to 300)"},
         {{"--critical-temperature", "80"}, "--critical-temperature goes with --check or --metrics"},
+        {{"--expect", "/storage/release.json"}, "--expect goes with --check or --metrics"},
+        {{"--diff"}, "--diff takes BEFORE and at most AFTER"},
+        {{"--diff", "a", "b", "c"}, "--diff takes BEFORE and at most AFTER"},
+        {{"--diff", "a", "b", "--root", "c"}, "--diff BEFORE AFTER takes no --root"},
+        {{"--diff", "a", "--check"}, "--diff is a report of its own"},
         {{"--root", "/storage/no-such-tree"}, "the device tree /storage/no-such-tree cannot be found"},
+        {{"--diff", "/storage/no-such-tree", "--root", "/storage"}, "cannot read BEFORE (/storage/no-such-tree)"},
     };
     for (const auto &[arguments, message] : cases) {
         const ToolRun run = rfsysinfo(arguments);
@@ -371,4 +377,16 @@ TEST_F(RfsysinfoTest, MisuseAndUnreadableTreesExitWithOneLineReasons)
         EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.contains(message) && run.err.count('\n') == 1)
             << arguments.join(' ').toStdString() << ": " << run.err.toStdString();
     }
+}
+
+// A saved report and the device it was saved from are equal, sanitized or not: the saved report is
+// sanitized as the tool sanitizes the device's.
+TEST_F(RfsysinfoTest, ADeviceAndItsSavedReportHaveNoDifferencesSanitizedOrNot)
+{
+    const QString saved = QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/devices/reports/sample-device.json");
+    const ToolRun plain = rfsysinfo(QStringList{"--diff", saved} + sampleWithTools);
+    EXPECT_EQ(plain.status, 0) << plain.out.toStdString() << plain.err.toStdString();
+    const ToolRun sanitized = rfsysinfo(QStringList{"--diff", saved, "--sanitize"} + sampleWithTools);
+    EXPECT_EQ(sanitized.status, 0) << sanitized.out.toStdString() << sanitized.err.toStdString();
+    EXPECT_EQ(sanitized.out, "no differences between report <withheld> and device tree <withheld>\n");
 }

@@ -90,6 +90,8 @@ void sanitizeSections(QJsonObject &sections)
                 array.append(replaced(element));
             return array;
         }
+        if (!value.isObject())
+            return value;
         QJsonObject object = value.toObject();
         for (auto member = object.begin(); member != object.end(); ++member)
             *member = replaced(*member);

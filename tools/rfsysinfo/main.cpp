@@ -150,10 +150,6 @@ bool optionsGoTogether(const Settings &settings, QString &error)
         error = "--strict and --max-calibration-age go with --check";
         return false;
     }
-    if (settings.release && !settings.check && !settings.metrics) {
-        error = "--expect goes with --check or --metrics";
-        return false;
-    }
     if (settings.criticalTemperature && !settings.check && !settings.metrics) {
         error = "--critical-temperature goes with --check or --metrics";
         return false;
@@ -254,6 +250,10 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
     if (!limit.isEmpty() && !(settings.criticalTemperature = numberOption("--critical-temperature", limit, lowestLimit,
                                                                           highestLimit, false, error)))
         return false;
+    if (!profile.isEmpty() && !settings.check && !settings.metrics) {
+        error = "--expect goes with --check or --metrics";
+        return false;
+    }
     if (!profile.isEmpty()) {
         QString refusal;
         settings.release = readReleaseProfile(profile, refusal);
