@@ -366,7 +366,7 @@ std::string measureCaptureAndReplay()
         {"release profile (--json --section ...)",
          {"--json", "--section", "identity", "--section", "fpga", "--section", "dsp", "--output",
           "/tmp/benchmark-release.json"}},
-        {"check against it (--check --expect PROFILE)", {"--check", "--expect", "/tmp/benchmark-release.json"}},
+        {"check against it (--check --expect)", {"--check", "--expect", "/tmp/benchmark-release.json"}},
         {"diff with the capture (--diff CAPTURE)", {"--diff", "/tmp/benchmark-capture.tgz"}},
     };
     std::string table = "\nrfsysinfo on the sample device (median of 20 runs):\n";
