@@ -31,13 +31,16 @@ QJsonObject jsonFile(const fs::path &path)
     return jsonDocument(path).object();
 }
 
-// A case file that names another file below the cases' folder, as its absolute path.
-QString namedFile(const fs::path &file)
+// A case file that names another file below the cases' folder (as its absolute path), and perhaps
+// options to go with it.
+QStringList namedFile(const fs::path &file)
 {
     std::ifstream named(file);
-    std::string relative;
-    std::getline(named, relative);
-    return QString::fromStdString((caseFolders / relative).string());
+    std::string line;
+    std::getline(named, line);
+    QStringList words = QString::fromStdString(line).split(' ', Qt::SkipEmptyParts);
+    words[0] = QString::fromStdString((caseFolders / words[0].toStdString()).string());
+    return words;
 }
 
 // The report without the header keys that name the tool, its version and the source.
@@ -87,15 +90,21 @@ void listReleaseAndDiff(const fs::path &caseFolder, const QStringList &source, Q
     if (fs::exists(caseFolder / "expected-release.json")) {
         const QJsonObject expected = jsonFile(caseFolder / "expected-release.json");
         const ToolRun run =
-            rfsysinfo(QStringList{"--check", "--json", "--expect", namedFile(caseFolder / "profile")} + source);
+            rfsysinfo(QStringList{"--check", "--json", "--expect"} + namedFile(caseFolder / "profile") + source);
         listDifferences(expected, parsedJson(run).value("check"), "/release", differences);
         EXPECT_EQ(run.status, expected.value("verdict") == "pass" ? 0 : 1) << run.err.toStdString();
     }
     if (fs::exists(caseFolder / "expected-diff.json")) {
         const QJsonArray expected = jsonDocument(caseFolder / "expected-diff.json").array();
-        const ToolRun run = rfsysinfo(QStringList{"--diff", namedFile(caseFolder / "diff-before"), "--json"} + source);
+        const QStringList diff = QStringList{"--diff"} + namedFile(caseFolder / "diff-before") + source;
+        const ToolRun run = rfsysinfo(diff + QStringList{"--json"});
         listDifferences(expected, parsedJson(run).value("diff").toObject().value("differences"), "/diff", differences);
         EXPECT_EQ(run.status, expected.isEmpty() ? 0 : 1) << run.err.toStdString();
+        // The text: a line a difference, "(absent)" for a value on one side only, and the count.
+        const ToolRun text = rfsysinfo(diff);
+        EXPECT_EQ(text.out.count('\n'), expected.size() + 1) << text.out.toStdString();
+        EXPECT_EQ(text.out.contains(" (absent)"), QJsonDocument(expected).toJson().contains("null"))
+            << text.out.toStdString();
     }
 }
 
