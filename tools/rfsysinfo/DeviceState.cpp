@@ -45,23 +45,6 @@ answer="/.rfsi-replay/identity$0/$field"
 exit 0
 )";
 
-// Reads at most `limit` bytes; false when the file ends later.
-bool readUpTo(int fd, qint64 limit, QByteArray &content)
-{
-    char buffer[65536];
-    for (;;) {
-        const qint64 room = limit - content.size();
-        const ssize_t count = ::read(fd, buffer, static_cast<size_t>(std::min<qint64>(room + 1, sizeof buffer)));
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return true;
-        content.append(buffer, static_cast<int>(std::min<qint64>(count, room)));
-        if (count > room)
-            return false;
-    }
-}
-
 // What stands at `path`, as the library would find it; with the bytes when `copyLimit` allows.
 DeviceNode readNode(const QString &path, qint64 copyLimit)
 {
@@ -181,6 +164,22 @@ bool putReplayProgram(const DeviceNode &tool, const DeviceState &state, QString 
 }
 
 } // namespace
+
+bool readUpTo(int fd, qint64 limit, QByteArray &content)
+{
+    char buffer[65536];
+    for (;;) {
+        const qint64 room = limit - content.size();
+        const ssize_t count = ::read(fd, buffer, static_cast<size_t>(std::min<qint64>(room + 1, sizeof buffer)));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return true;
+        content.append(buffer, static_cast<int>(std::min<qint64>(count, room)));
+        if (count > room)
+            return false;
+    }
+}
 
 QString nodeKindName(NodeKind kind)
 {

@@ -71,6 +71,9 @@ struct DeviceState
 constexpr qint64 captureFileCap = 16 << 20;
 constexpr qint64 captureTotalCap = 64 << 20;
 
+// Reads at most `limit` bytes of `fd` into `content`; false when the file goes on beyond them.
+bool readUpTo(int fd, qint64 limit, QByteArray &content);
+
 // The paths of every file a capture copies, sorted.
 QStringList capturedFilePaths();
 // The identity tools' paths, in the order the library asks them.

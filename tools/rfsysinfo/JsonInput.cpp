@@ -1,5 +1,6 @@
 #include "JsonInput.h"
 
+#include "DeviceState.h"
 #include "ReportModel.h"
 #include "ReportOutput.h"
 
@@ -18,7 +19,7 @@
 
 namespace {
 
-// At most `cap` + 1 bytes of the regular file at `path`.
+// The regular file at `path`, when it holds at most jsonInputCap bytes.
 std::optional<QByteArray> boundedRead(const QString &path, QString &refusal)
 {
     const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
@@ -30,17 +31,10 @@ std::optional<QByteArray> boundedRead(const QString &path, QString &refusal)
         return std::nullopt;
     }
     QByteArray bytes;
-    if (!S_ISREG(info.st_mode)) {
+    if (!S_ISREG(info.st_mode))
         refusal = QStringLiteral("it is not a regular file");
-    } else {
-        bytes.resize(static_cast<int>(jsonInputCap + 1));
-        qint64 size = 0;
-        for (ssize_t count = 1; count > 0 && size<bytes.size(); size += count> 0 ? count : 0)
-            count = ::read(fd, bytes.data() + size, static_cast<size_t>(bytes.size() - size));
-        bytes.truncate(static_cast<int>(size));
-        if (size > jsonInputCap)
-            refusal = QStringLiteral("it is larger than %1 KiB").arg(jsonInputCap >> 10);
-    }
+    else if (!readUpTo(fd, jsonInputCap, bytes))
+        refusal = QStringLiteral("it is larger than %1 KiB").arg(jsonInputCap >> 10);
     ::close(fd);
     return refusal.isEmpty() ? std::optional<QByteArray>(bytes) : std::nullopt;
 }

@@ -363,6 +363,13 @@ std::optional<DeviceState> enterCapture(const Settings &settings, QString &error
     return state;
 }
 
+// Whether the identity tools answer: on this instrument always, for a tree only when allowed, and
+// for a capture as they answered when it was made.
+bool identityToolsAnswer(const Settings &settings, const DeviceState *replayed)
+{
+    return replayed ? replayed->toolsAsked : settings.deviceTree.isEmpty() || settings.allowTools;
+}
+
 // The time a capture records: now, or SOURCE_DATE_EPOCH where it is set, so that two captures of an
 // unchanged device can be made byte for byte the same.
 QDateTime captureTime()
@@ -388,8 +395,7 @@ QStringList serialNumbersOf(rfSystemInfo &info, const DeviceState &state)
 int capture(const Settings &settings, const Destination &destination, const DeviceState *replayed, int summaryFd)
 {
     rfSystemInfo &info = *rfSystemInfo::param();
-    const bool askTools = replayed ? replayed->toolsAsked : settings.deviceTree.isEmpty() || settings.allowTools;
-    DeviceState state = readDeviceState(info, askTools);
+    DeviceState state = readDeviceState(info, identityToolsAnswer(settings, replayed));
     // A capture of a capture keeps the instrument's software, not this machine's, and what the first
     // capture cut short stays marked.
     if (replayed) {
@@ -430,7 +436,7 @@ int report(const Settings &settings, ReportSource source, const DeviceState *rep
 {
     ReportOptions options;
     options.sections = settings.sections;
-    options.identityToolsRun = replayed ? replayed->toolsAsked : settings.deviceTree.isEmpty() || settings.allowTools;
+    options.identityToolsRun = identityToolsAnswer(settings, replayed);
     Report report = collectReport(*rfSystemInfo::param(), options);
     report.collected = QDateTime::currentDateTimeUtc();
     if (replayed) {
