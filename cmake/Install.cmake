@@ -17,6 +17,8 @@ install(TARGETS rfsysinfo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT 
 # alerting rules (with their promtool unit tests) to start from.
 install(FILES tools/rfsysinfo/systemd/rfsysinfo-metrics.service tools/rfsysinfo/systemd/rfsysinfo-metrics.timer
     DESTINATION ${RFSI_SYSTEMD_UNITDIR} COMPONENT tool)
+# The service's command: the unit names it at this fixed place.
+install(PROGRAMS tools/rfsysinfo/systemd/write-metrics DESTINATION libexec/rfsysinfo COMPONENT tool)
 # The manual page and the bash completion (bash-completion's layout).
 install(FILES docs/rfsysinfo.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 install(FILES tools/rfsysinfo/completion/rfsysinfo DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions

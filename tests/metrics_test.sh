@@ -2,7 +2,8 @@
 # The metrics and the fleet pieces as Prometheus' and systemd's own tools take them: promtool checks the
 # sample device's metrics and those of a tree with hostile label text; a node_exporter started here on a
 # free loopback port serves them from its textfile folder without a scrape error, and is stopped; the
-# alerting rules pass promtool's checks and unit tests; the units pass systemd-analyze verify.
+# alerting rules pass promtool's checks and unit tests; the units pass systemd-analyze verify and the
+# service's exposure is rated 3.0 or less.
 #   metrics_test.sh SOURCE_DIR BUILD_DIR RFSYSINFO
 set -eu
 source_dir=$1
@@ -42,13 +43,17 @@ for expected in 'hot rfsi_check_finding{id="temperature.critical",severity="erro
 done
 
 echo "== the packaged service: a release profile in /etc/rfsysinfo is used when it is there"
-command=$(sed -n "s/^ExecStart=\/bin\/sh -c '\(.*\)'$/\1/p" "$source_dir/tools/rfsysinfo/systemd/rfsysinfo-metrics.service" |
-    sed -e "s|/etc/rfsysinfo/release.json|$work/release.json|g" -e "s|/var/lib/prometheus/node-exporter|$work|g" \
-        -e "s|/usr/bin/rfsysinfo|$rfsysinfo --root $cases/release-bank-and-image-changed/tree --allow-tools|g")
-[ -n "$command" ] || fail "the service's ExecStart is not the expected shell command"
-sh -c "$command" && ! grep -q '^rfsi_release' "$work/rfsysinfo.prom" || fail "a release was judged without a profile"
+write_metrics() {
+    RFSYSINFO="$rfsysinfo" RFSYSINFO_TEXTFILE_FOLDER="$work" RFSYSINFO_RELEASE_PROFILE="$work/release.json" \
+        "$source_dir/tools/rfsysinfo/systemd/write-metrics" --root "$cases/release-bank-and-image-changed/tree" \
+        --allow-tools
+}
+said=$(write_metrics) && ! grep -q '^rfsi_release' "$work/rfsysinfo.prom" || fail "a release was judged without a profile"
+[ "$said" = "metrics written to $work/rfsysinfo.prom" ] || fail "the service said: $said"
 cp "$cases/profiles/kv721-release-2026.11.json" "$work/release.json"
-sh -c "$command" || fail "the service failed with a release profile"
+said=$(write_metrics) || fail "the service failed with a release profile"
+[ "$said" = "metrics written to $work/rfsysinfo.prom, judged against $work/release.json" ] ||
+    fail "the service said: $said"
 for expected in 'rfsi_release_conformant{profile="KV721 release 2026.11"} 0' \
     'rfsi_release_mismatches{profile="KV721 release 2026.11"} 3' \
     'rfsi_check_finding{id="release.mismatch",severity="error"} 3'; do
@@ -106,11 +111,15 @@ promtool test rules "$source_dir/examples/prometheus/rfsysinfo-rules-test.yml"
 
 echo "== systemd-analyze verify: the units (the service pointed at this build's rfsysinfo)"
 mkdir "$work/units"
-sed "s|/usr/bin/rfsysinfo|$rfsysinfo|" "$source_dir/tools/rfsysinfo/systemd/rfsysinfo-metrics.service" \
-    >"$work/units/rfsysinfo-metrics.service"
+sed "s|/usr/libexec/rfsysinfo/write-metrics|$(realpath "$source_dir")/tools/rfsysinfo/systemd/write-metrics|" \
+    "$source_dir/tools/rfsysinfo/systemd/rfsysinfo-metrics.service" >"$work/units/rfsysinfo-metrics.service"
 cp "$source_dir/tools/rfsysinfo/systemd/rfsysinfo-metrics.timer" "$work/units/"
 # An unknown key is only a warning for systemd: any word from it fails the test.
 messages=$(systemd-analyze verify --man=no "$work/units/rfsysinfo-metrics.service" \
     "$work/units/rfsysinfo-metrics.timer" 2>&1) || fail "systemd-analyze verify: $messages"
 [ -z "$messages" ] || fail "systemd-analyze verify: $messages"
+# The exposure systemd rates (0 to 10, shown with one decimal) stays at 3.0 or less.
+rating=$(systemd-analyze security --offline=true --threshold=30 \
+    "$source_dir/tools/rfsysinfo/systemd/rfsysinfo-metrics.service") || fail "the service is exposed more than 3.0"
+echo "$rating" | tail -1
 echo "ok"
