@@ -246,7 +246,9 @@ TEST_F(CommandRunnerTest, AUserInterfaceThatAsksOnAWorkerNeverStallsWhileBothToo
     std::sscanf(output.c_str() + gapLine, "Largest gap between 20 ms ticks: %lld ms", &largestGapMs);
     EXPECT_EQ(output.substr(0, gapLine), "Model    KV720\nSerial   KV7-0001\n");
     EXPECT_GE(largestGapMs, 0);
-    EXPECT_LT(largestGapMs, 100) << "milliseconds the event loop stood still";
+    // A loop that waited on a tool would stand still for the tool's 8000 ms bound; a loaded machine
+    // (the suite runs beside emulators) delays a tick by a few hundred at most.
+    EXPECT_LT(largestGapMs, 1000) << "milliseconds the event loop stood still";
 }
 
 TEST_F(CommandRunnerTest, CallersChooseTheFallbackOfTheIdentityQueries)

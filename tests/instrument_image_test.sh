@@ -6,7 +6,7 @@
 #     the service's journal holds no error, systemd rates its exposure 3.0 or less;
 #   - without node_exporter the service does not fail and its journal says why nothing was written;
 #     node_exporter installed again brings the metrics back;
-#   - apt purge of our packages leaves no file of theirs behind.
+#   - apt purge of our packages leaves no file of theirs behind, no unit, and no metrics served.
 #   instrument_image_test.sh SOURCE_DIR IMAGE_DIR
 set -eu
 source_dir=$(realpath "$1")
@@ -109,5 +109,9 @@ apt_on_instrument purge librfsysteminfo1 librfsysteminfo-dev rfsysinfo || fail "
 left=$(on_instrument 'while read -r f; do if [ ! -d "$f" ] && { [ -e "$f" ] || [ -L "$f" ]; }; then echo "$f"; fi; done
     ls /var/lib/prometheus/node-exporter/rfsysinfo* /etc/systemd/system/*/rfsysinfo* 2>/dev/null; true' <"$work/files")
 [ -z "$left" ] || fail "left behind by the purge: $left"
-echo "$(grep -c . "$work/files") files installed, none left after the purge"
+on_instrument systemctl list-units --all --plain --no-legend 'rfsysinfo*' >"$work/units"
+[ ! -s "$work/units" ] || fail "our units are still loaded after the purge: $(cat "$work/units")"
+curl -sf "http://127.0.0.1:$port/metrics" >"$work/scraped" || fail "node_exporter stopped answering"
+! grep '^rfsi_' "$work/scraped" || fail "node_exporter still serves our metrics after the purge"
+echo "$(grep -c . "$work/files") files installed, none left after the purge, nor the metrics or a unit"
 echo "ok"
