@@ -85,6 +85,15 @@ constexpr unsigned long defaultAction[8] = {};
 constexpr unsigned long emptySignalSet = 0;
 constexpr std::size_t kernelSignalSetSize = 8;
 
+// Opens the null device as `target`. A caller that closed its own standard streams leaves the
+// lowest numbers free, so the open may already give `target` itself, which dup3 refuses to copy.
+[[maybe_unused]] __attribute__((no_sanitize("address", "thread", "undefined"))) long placeNullDevice(int flags,
+                                                                                                     int target)
+{
+    const long fd = ::syscall(SYS_openat, AT_FDCWD, nullDevice, flags);
+    return fd < 0 || fd == target ? fd : ::syscall(SYS_dup3, fd, target, 0);
+}
+
 void childSyscallOrExit(long result, const ChildSetup &setup)
 {
     if (result >= 0)
@@ -104,13 +113,9 @@ void childSyscallOrExit(long result, const ChildSetup &setup)
         if (signal != SIGKILL && signal != SIGSTOP)
             ::syscall(SYS_rt_sigaction, signal, defaultAction, nullptr, kernelSignalSetSize);
     childSyscallOrExit(::syscall(SYS_setsid), setup);
-    const long input = ::syscall(SYS_openat, AT_FDCWD, nullDevice, O_RDONLY);
-    childSyscallOrExit(input, setup);
-    childSyscallOrExit(::syscall(SYS_dup3, input, STDIN_FILENO, 0), setup);
+    childSyscallOrExit(placeNullDevice(O_RDONLY, STDIN_FILENO), setup);
     childSyscallOrExit(::syscall(SYS_dup3, setup.outputFd, STDOUT_FILENO, 0), setup);
-    const long errors = ::syscall(SYS_openat, AT_FDCWD, nullDevice, O_WRONLY);
-    childSyscallOrExit(errors, setup);
-    childSyscallOrExit(::syscall(SYS_dup3, errors, STDERR_FILENO, 0), setup);
+    childSyscallOrExit(placeNullDevice(O_WRONLY, STDERR_FILENO), setup);
     // Everything from 3 on but the error pipe, which closes with the exec.
     if (setup.errorFd > STDERR_FILENO + 1)
         childSyscallOrExit(::syscall(SYS_close_range, STDERR_FILENO + 1, setup.errorFd - 1, 0), setup);
@@ -256,8 +261,9 @@ Child start(const ChildSetup &setup)
     return child;
 }
 
-// Whether the child reported a failed exec. Returns once the program runs (the pipe closes with the
-// exec) or the child has given up.
+// Whether the child reported a failed exec. Both ways of starting hold the caller until the child has
+// run the program or given up, so what it reported is in the pipe already: one read that never
+// waits (the pipe may stay open in a child that another thread of the caller forked meanwhile).
 bool execFailed(int errorFd)
 {
     int error = 0;
@@ -380,6 +386,7 @@ QByteArray runTool(const QByteArray &program, const QList<QByteArray> &arguments
     if (output.get() < 0 || input.get() < 0 || errorOutput.get() < 0 || errorInput.get() < 0)
         return {};
     ::fcntl(output.get(), F_SETFL, O_NONBLOCK);
+    ::fcntl(errorOutput.get(), F_SETFL, O_NONBLOCK);
 
     std::vector<char *> argv{const_cast<char *>(program.constData())};
     for (const QByteArray &argument : arguments)

@@ -7,6 +7,8 @@
 
 #include <QElapsedTimer>
 
+#include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -64,17 +66,57 @@ void reapEveryChild(int)
     errno = savedErrno;
 }
 
-struct sigaction callerDisposition()
+struct sigaction disposition(const std::string &disposition)
 {
     struct sigaction action
     {
     };
-    const std::string disposition = std::getenv("RFSI_TEST_SIGCHLD") ? std::getenv("RFSI_TEST_SIGCHLD") : "";
     action.sa_handler = disposition == "ignored" ? SIG_IGN : disposition == "reaped" ? reapEveryChild : SIG_DFL;
     action.sa_flags = disposition == "nocldwait" ? SA_NOCLDWAIT : disposition == "reaped" ? SA_RESTART : 0;
     EXPECT_TRUE(disposition.empty() || action.sa_handler != SIG_DFL || action.sa_flags != 0) << disposition;
     return action;
 }
+
+struct sigaction callerDisposition()
+{
+    return disposition(std::getenv("RFSI_TEST_SIGCHLD") ? std::getenv("RFSI_TEST_SIGCHLD") : "");
+}
+
+// Another thread of the caller that forks all the while (up to 100 children): each child holds a copy
+// of every descriptor the caller has open at that moment (a tool's pipes among them) for
+// `holdSeconds`, as a child between fork and exec may.
+class ForkingThread
+{
+public:
+    explicit ForkingThread(unsigned holdSeconds)
+        : thread([this, holdSeconds] {
+              while (!stop && children.size() < 100) {
+                  const pid_t child = ::fork();
+                  if (child == 0) {
+                      ::sleep(holdSeconds);
+                      ::_exit(0);
+                  }
+                  if (child > 0)
+                      children.push_back(child);
+                  std::this_thread::sleep_for(std::chrono::microseconds(500));
+              }
+          })
+    {}
+    ~ForkingThread()
+    {
+        stop = true;
+        thread.join();
+        for (pid_t child : children) {
+            ::kill(child, SIGKILL);
+            ::waitpid(child, nullptr, 0);
+        }
+    }
+
+private:
+    std::atomic<bool> stop{false};
+    std::vector<pid_t> children;
+    std::thread thread;
+};
 
 } // namespace
 
@@ -149,6 +191,40 @@ echo "$RFSI_CALLER_MARK $(pwd)")sh");
                   "own-session /bin/tool /dev/null /dev/null SigIgn: 0000000000000000 mark /storage SigBlk: "
                   "0000000000000000");
     });
+}
+
+TEST_F(CommandRunnerTest, AnswerIsTheSameWhateverStreamsAndSigchldTheCallerHasWhileAnotherThreadForks)
+{
+    installTool("/bin/tool", "echo \"$1\"; readlink /proc/$$/fd/0 /proc/$$/fd/2");
+    for (const char *sigchld : {"", "ignored", "nocldwait", "reaped"})
+        for (int closed = 0; closed < 8; ++closed) { // bit n: standard stream n closed
+            SCOPED_TRACE(std::string("SIGCHLD ") + sigchld + ", closed streams mask " + std::to_string(closed));
+            inFreshProcess([sigchld, closed] {
+                const struct sigaction action = disposition(sigchld);
+                ::sigaction(SIGCHLD, &action, nullptr);
+                rfSystemInfo &caller = *rfSystemInfo::param();
+                int saved[3];
+                for (int fd = 0; fd < 3; ++fd) {
+                    saved[fd] = ::fcntl(fd, F_DUPFD_CLOEXEC, 10);
+                    if (closed & (1 << fd))
+                        ::close(fd);
+                }
+                QStringList answers;
+                qint64 longestMs = 0;
+                {
+                    const ForkingThread forking(10);
+                    for (int run = 0; run < 10; ++run)
+                        longestMs = std::max(longestMs, millisecondsOf([&] {
+                                                 answers << caller.executeCmd("/bin/tool", std::to_string(run));
+                                             }));
+                }
+                for (int fd = 0; fd < 3; ++fd)
+                    ::dup3(saved[fd], fd, 0);
+                for (int run = 0; run < 10; ++run)
+                    EXPECT_EQ(answers.value(run), QStringLiteral("%1 /dev/null /dev/null").arg(run));
+                EXPECT_LT(longestMs, 8000) << "a run waited on a descriptor that a forked child held";
+            });
+        }
 }
 
 TEST_F(CommandRunnerTest, OutputHasNoLimitButTheTimeOutAndStandardErrorIsNeverKept)
