@@ -235,9 +235,10 @@ int openInTree(const std::string &tree, const std::string &path, int flags)
         path.substr(path.find_first_not_of('/') == std::string::npos ? path.size() : path.find_first_not_of('/'));
     const char *name = relative.empty() ? "." : relative.c_str();
     const int fd = static_cast<int>(::syscall(SYS_openat2, treeFd.get(), name, &how, sizeof how));
-    if (fd >= 0 || errno != ENOSYS)
-        return fd;
-    return ::openat(treeFd.get(), name, flags | O_PATH | O_CLOEXEC); // before Linux 5.6: links resolve on the host
+    if (fd < 0 && errno == ENOSYS)
+        throw SetupError("this kernel cannot resolve a device tree's links inside the tree (openat2, Linux 5.6): "
+                         "they would lead to the host's files, so the tree is not shown");
+    return fd;
 }
 
 // The real path of the folder that `path` names inside the tree; empty when it names no folder.
@@ -251,15 +252,29 @@ std::string folderInTree(const std::string &tree, const std::string &path)
     return length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
 }
 
-// The overlay's lower folders for a fixed path, topmost first; empty when the path is a plain folder.
-std::string lowerFolders(const std::string &root, const std::string &fixedPath)
+// The overlay's lower folders for a fixed path, topmost first, as open descriptors; none when the path
+// is a plain folder.
+std::vector<std::unique_ptr<Fd>> lowerFolders(const std::string &root, const std::string &fixedPath)
 {
-    std::string lowers;
-    if (isFolder(root + treeFolder))
-        lowers = folderInTree(root + treeFolder, fixedPath);
+    std::vector<std::unique_ptr<Fd>> lowers;
+    if (isFolder(root + treeFolder)) {
+        auto seed = std::make_unique<Fd>(openInTree(root + treeFolder, fixedPath, O_DIRECTORY));
+        if (seed->get() >= 0)
+            lowers.push_back(std::move(seed));
+    }
     if (isProgramFolder(fixedPath))
-        lowers += (lowers.empty() ? "" : ":") + root + hostBinFolder;
+        lowers.push_back(openFolder(root + hostBinFolder));
     return lowers;
+}
+
+// The overlay's option text names each folder by its descriptor: the kernel splits the text at ':'
+// and ',', which a tree's own folder names may hold.
+std::string lowerDirOption(const std::vector<std::unique_ptr<Fd>> &lowers)
+{
+    std::string option = "lowerdir=";
+    for (const auto &lower : lowers)
+        option += (&lower == &lowers.front() ? "" : ":") + describeFd(lower->get());
+    return option;
 }
 
 std::string overlayState(const std::string &root, std::string fixedPath)
@@ -326,7 +341,7 @@ void retargetAbsoluteLinks(const std::string &root, const std::string &seedInTre
     }
 }
 
-void mountOverlay(const std::string &root, const std::string &fixedPath, const std::string &lowers)
+void mountOverlay(const std::string &root, const std::string &fixedPath, const std::vector<std::unique_ptr<Fd>> &lowers)
 {
     const std::string state = overlayState(root, fixedPath);
     makeFolders(state + "/upper", fixedPath == "/tmp" ? 01777 : 0755);
@@ -334,21 +349,21 @@ void mountOverlay(const std::string &root, const std::string &fixedPath, const s
     const std::string seed = isFolder(root + treeFolder) ? folderInTree(root + treeFolder, fixedPath) : std::string();
     if (!seed.empty())
         retargetAbsoluteLinks(root, seed.substr((root + treeFolder).size()), state + "/upper");
-    const std::string options = "lowerdir=" + lowers + ",upperdir=" + state + "/upper,workdir=" + state + "/work";
+    const std::string options = lowerDirOption(lowers) + ",upperdir=" + state + "/upper,workdir=" + state + "/work";
     mountOrFail("overlay", root + fixedPath, "overlay", 0, options, "mount the writable overlay at " + fixedPath);
 }
 
 void makeFixedPath(const std::string &root, const std::string &fixedPath)
 {
     makeFolders(root + fixedPath, fixedPath == "/tmp" ? 01777 : 0755);
-    const std::string lowers = lowerFolders(root, fixedPath);
+    const auto lowers = lowerFolders(root, fixedPath);
     if (!lowers.empty())
         mountOverlay(root, fixedPath, lowers);
 }
 
 void resetFixedPath(const std::string &fixedPath)
 {
-    const std::string lowers = lowerFolders("", fixedPath);
+    const auto lowers = lowerFolders("", fixedPath);
     if (lowers.empty()) {
         emptyFolder(fixedPath);
         return;
@@ -372,10 +387,6 @@ void checkDeviceTree(const std::string &deviceTree)
         throw SetupError("the device tree " + deviceTree + " is not a folder");
     if (::access(deviceTree.c_str(), R_OK | X_OK) != 0)
         throw SetupError("the device tree " + deviceTree + " cannot be read: " + std::strerror(errno));
-    // The kernel's overlay takes its folders as one text in which these characters separate them.
-    if (deviceTree.find_first_of(":,") != std::string::npos)
-        throw SetupError("the device tree's path " + deviceTree +
-                         " holds ':' or ',', which the overlay cannot take: copy or link it to a path without them");
 }
 
 // A fixed path seeded from the tree, with the failure named by the tree's folder.
@@ -405,11 +416,12 @@ void showTreeFolders(const std::string &root)
         struct stat info;
         if (name == "/." || name == "/.." || ::lstat((root + name).c_str(), &info) == 0)
             continue;
-        const std::string seed = folderInTree(tree, name);
-        if (seed.empty())
+        const Fd seed(openInTree(tree, name, O_DIRECTORY));
+        if (seed.get() < 0)
             continue;
         makeFolders(root + name);
-        mountOrFail(seed, root + name, nullptr, MS_BIND | MS_REC, {}, "show the device tree's folder " + name);
+        mountOrFail(describeFd(seed.get()), root + name, nullptr, MS_BIND | MS_REC, {},
+                    "show the device tree's folder " + name);
         makeReadOnly(root + name);
     }
 }
@@ -642,6 +654,11 @@ void dropPrivileges()
         fail("drop the capabilities");
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
         fail("forbid new privileges");
+    // A program of the tree runs as the same user without capabilities, as this process now does: only
+    // this keeps it out of this process's memory and descriptors in /proc (a descriptor of a host
+    // folder would lead it out of the root). An exec makes the process dumpable again.
+    if (::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0)
+        fail("keep this process out of reach of the tree's programs");
 }
 
 void makeReadOnly()

@@ -61,11 +61,12 @@ const std::vector<std::string> &deviceFolders();
 void enter(const Options &options);
 
 // Whether `path` names anything in the device tree, links resolved as on the instrument (a link
-// itself counts, wherever it leads).
+// itself counts, wherever it leads). Throws SetupError where the kernel cannot resolve them so.
 bool treeHolds(const std::string &deviceTree, const std::string &path);
 
 // Drops every capability for good (also across exec of a set-user-ID program), so that a program of a
-// copied tree cannot undo the root's read-only mounts or reach the host's devices.
+// copied tree cannot undo the root's read-only mounts or reach the host's devices, and makes the
+// process undumpable, so that such a program cannot read its memory or open its descriptors in /proc.
 void dropPrivileges();
 
 // True inside a device root made by enter().

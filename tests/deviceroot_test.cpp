@@ -3,8 +3,14 @@
 #include "DeviceTest.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 
 using namespace rfsitest;
 namespace fs = std::filesystem;
@@ -113,3 +119,32 @@ TEST_F(DeviceRootTest, DeviceTreeSeedsTheFixedPathsWithoutBeingChanged)
         EXPECT_FALSE(fs::exists("/bin/extra"));
     });
 }
+
+#ifndef RFSI_TEST_EMULATED // qemu-user takes no seccomp filter
+TEST_F(DeviceRootTest, AKernelWithoutOpenat2RefusesATreeInsteadOfResolvingItsLinksOnTheHost)
+{
+    writeDeviceFile("/storage/tree/Dsp/name.txt", "1\nimage\n");
+    inFreshProcess([] {
+        // The kernel as one before Linux 5.6 answers openat2.
+        sock_filter noOpenat2[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat2, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        };
+        const sock_fprog program{static_cast<unsigned short>(std::size(noOpenat2)), noOpenat2};
+        ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+        ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+        deviceroot::Options options;
+        options.deviceTree = "/storage/tree";
+        try {
+            deviceroot::enter(options);
+            ADD_FAILURE() << "a tree was shown without openat2";
+        } catch (const deviceroot::SetupError &error) {
+            EXPECT_NE(std::string(error.what()).find("cannot resolve a device tree's links inside the tree"),
+                      std::string::npos)
+                << error.what();
+        }
+    });
+}
+#endif

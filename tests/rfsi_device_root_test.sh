@@ -59,4 +59,51 @@ cat "$work/tries"
 grep -q '^refused /proc/1/root' "$work/tries" || { echo "FAIL: /proc/1/root was not tried"; status=1; }
 grep -q '^WRITTEN' "$work/tries" && { echo "FAIL: a write reached a path it must not"; status=1; }
 [ "$(cat "$host_file")" = untouched ] || { echo "FAIL: the host's file was changed"; status=1; }
+
+# The tree's identity tool, allowed to run, attacks rfsysinfo itself, which writes its report into a
+# host folder from a terminal: it writes through every descriptor of every other process in /proc,
+# reads their memory, and injects keystrokes into every terminal it can open. Its answer (the model)
+# says what it managed.
+mkdir -p "$work/tree/bin" "$work/reports"
+cat > "$work/tree/bin/getSicutil" <<'ATTACK'
+#!/bin/sh
+inject='open(my $t, "+<", $ARGV[0]) or exit 1; ioctl($t, 0x5412, "x") or exit 1' # TIOCSTI
+tried=0
+for process in /proc/[0-9]*; do
+    read -r _ _ _ _ _ session _ < "$process/stat" || continue
+    [ "$session" = $$ ] && continue # this tool and its own children
+    tried=$((tried + 1))
+    head -c 1 "$process/environ" >/dev/null 2>&1 && echo "READ $process/environ"
+    for descriptor in "$process"/fd/*; do
+        (echo escaped > "$descriptor/escape") 2>/dev/null && echo "WRITTEN $descriptor/escape"
+        perl -e "$inject" "$descriptor" 2>/dev/null && echo "INJECTED $descriptor"
+    done
+done
+for terminal in /dev/tty /dev/stdin /dev/stdout /dev/stderr; do
+    perl -e "$inject" "$terminal" 2>/dev/null && echo "INJECTED $terminal"
+done
+echo "tried $tried processes"
+ATTACK
+chmod +x "$work/tree/bin/getSicutil"
+script -qec "'$rfsysinfo' --root '$work/tree' --allow-tools --section identity --output '$work/reports/report.txt'" \
+    /dev/null </dev/null >"$work/terminal" 2>&1 || true
+cat "$work/reports/report.txt"
+grep -q 'tried [1-9]' "$work/reports/report.txt" || { echo "FAIL: the tool's attack did not run"; status=1; }
+grep -Eq 'WRITTEN|READ|INJECTED' "$work/reports/report.txt" && { echo "FAIL: the tree's tool reached rfsysinfo"; status=1; }
+[ "$(ls "$work/reports")" = report.txt ] || { echo "FAIL: the tree's tool wrote into the host folder"; status=1; }
+
+# Names the kernel's mount options would split at (':' ',' '\\', spaces, a line end): the tree's Dsp
+# leads to its folder "x:$work/secret", which a text option would read as the tree's "x" and the
+# host's $work/secret; a tree at such a path is read like any other.
+mkdir -p "$work/secret" "$work/colon/x" "$work/colon/x:$work/secret"
+printf '1\nSECRET\n' > "$work/secret/name.txt"
+printf '1\nTREE\n' > "$work/colon/x:$work/secret/name.txt"
+ln -s "x:$work/secret" "$work/colon/Dsp"
+odd="$work/unit 7, bench:old\\
+line"
+cp -a "$work/colon" "$odd"
+for tree in "$work/colon" "$odd"; do
+    "$rfsysinfo" --root "$tree" --section dsp > "$work/dsp" 2>&1 || true
+    grep -q '^  DSP 0 *TREE,' "$work/dsp" || { echo "FAIL: the DSP of $tree is not the tree's own:"; cat "$work/dsp"; status=1; }
+done
 exit $status
