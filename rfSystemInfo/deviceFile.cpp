@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -121,19 +122,60 @@ std::optional<CountedList> readCountedList(const QString &path, int capacity)
     return list;
 }
 
+namespace {
+
+// QSettings opens files by name, and a name can be swapped for a FIFO (which would hold the open) between
+// any check and that open. So the file is opened and judged here, and QSettings reads it through the
+// descriptor's name in /proc. QSettings keeps what it parsed under that name, and trusts it while the
+// size and modification time stay the same; another file given the same descriptor number later could
+// match both. Reading an empty file under the name before the number is given back leaves nothing to
+// trust.
+class IniThroughDescriptor
+{
+public:
+    explicit IniThroughDescriptor(int fd)
+        : fd(fd), name(QStringLiteral("/proc/self/fd/%1").arg(fd)), readable(::access(name.toLatin1(), R_OK) == 0)
+    {}
+    IniThroughDescriptor(const IniThroughDescriptor &) = delete;
+    IniThroughDescriptor &operator=(const IniThroughDescriptor &) = delete;
+    ~IniThroughDescriptor()
+    {
+        const int empty = ::memfd_create("rfsi-empty", MFD_CLOEXEC);
+        if (readable && empty >= 0 && ::dup3(empty, fd, O_CLOEXEC) == fd)
+            const QSettings forget(name, QSettings::IniFormat);
+        if (empty >= 0)
+            ::close(empty);
+        ::close(fd);
+    }
+    // Without /proc (a rescue system), QSettings can only be given the file's own name.
+    QString nameFor(const QString &path) const { return readable ? name : path; }
+
+private:
+    const int fd;
+    const QString name;
+    const bool readable;
+};
+
+} // namespace
+
 std::optional<QStringList> readIniValues(const QString &path, const QStringList &keys)
 {
-    if (!exists(path))
+    const int fd = paths::openDeviceNode(QFile::encodeName(path).constData());
+    // A dangling link or a link loop is no file either.
+    if (fd < 0 && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG))
         return std::nullopt;
     QStringList values;
-    // QSettings opens the file itself, so the check comes just before: anything but a regular file
-    // counts as present and unreadable.
-    if (!isRegularFile(path)) {
+    struct stat info;
+    // Anything but a regular file counts as present and unreadable.
+    if (fd < 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        if (fd >= 0)
+            ::close(fd);
         for (int i = 0; i < keys.size(); ++i)
             values << QString::fromLatin1(missingKeyMarker);
         return values;
     }
-    const QSettings settings(path, QSettings::IniFormat);
+    const IniThroughDescriptor file(fd);
+    const QSettings settings(file.nameFor(path), QSettings::IniFormat);
     for (const QString &key : keys)
         values << settings.value(key, QString::fromLatin1(missingKeyMarker)).toString();
     return values;

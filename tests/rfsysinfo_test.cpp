@@ -20,7 +20,9 @@
 #include <filesystem>
 #include <memory>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 using namespace rfsitest;
@@ -87,11 +89,35 @@ TEST_F(RfsysinfoTest, TextReportShowsEverySectionWithAlignedLabels)
         if (line.startsWith("  ") && !line.startsWith("   "))
             valueColumns << static_cast<int>(line.indexOf(QRegularExpression("\\S"), line.indexOf("  ", 2) + 2));
     EXPECT_EQ(valueColumns.size(), 1) << run.out.toStdString();
-    // The JSON form of a sanitized report is a device case; the text form renders the same lines.
-    const ToolRun sanitized = rfsysinfo(sampleWithTools + QStringList{"--sanitize"});
-    for (const QString &serial : sampleSerials)
-        EXPECT_FALSE(sanitized.out.contains(serial)) << serial.toStdString();
-    EXPECT_TRUE(sanitized.out.contains("<serial>") && sanitized.out.contains("KV721"));
+}
+
+TEST_F(RfsysinfoTest, NothingWrittenWithSanitizeHoldsASerialNumber)
+{
+    // A profile that pins another unit's serial numbers, and a saved report of another unit.
+    const QString profile = QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/devices/profiles/kv721-another-unit.json");
+    QFile saved(QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/devices/reports/sample-device.json"));
+    ASSERT_TRUE(saved.open(QIODevice::ReadOnly));
+    writeDeviceFile(
+        "/storage/another-unit.json",
+        saved.readAll().replace("KV721-24-0042", "KV721-24-0077").replace("5.010.005a", "5.010.004").toStdString());
+    const QStringList withheld = sampleSerials + QStringList{"KV721-24-9999", "DPB7-24-09999", "KV721-24-0077"};
+    const QStringList forms[] = {
+        {},
+        {"--json"},
+        {"--check", "--expect", profile},
+        {"--check", "--json", "--expect", profile},
+        {"--metrics", "--expect", profile},
+        {"--diff", "/storage/another-unit.json"},
+        {"--diff", "/storage/another-unit.json", "--json"},
+    };
+    for (const QStringList &form : forms) {
+        const ToolRun run = rfsysinfo(sampleWithTools + form + QStringList{"--sanitize"});
+        SCOPED_TRACE(form.join(' ').toStdString() + "\n" + run.out.toStdString());
+        EXPECT_TRUE(run.out.contains(form.contains("--diff") ? "5.010.004" : "KV721") && run.err.isEmpty())
+            << run.err.toStdString();
+        for (const QString &serial : withheld)
+            EXPECT_FALSE(run.out.contains(serial)) << serial.toStdString();
+    }
 }
 
 TEST_F(RfsysinfoTest, MarkersInTheTextSayWhatTheyMeanWhileTheJsonKeepsThem)
@@ -340,9 +366,23 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
     }
 }
 
-TEST_F(RfsysinfoTest, MisuseAndUnreadableTreesExitWithOneLineReasons)
+TEST_F(RfsysinfoTest, MisuseAndUnreadableInputsExitWithOneLineReasonsAtOnce)
 {
-    const std::pair<QStringList, QString> cases[] = {
+    // Inputs that are no file to read: refused on the open descriptor, never waited on.
+    ASSERT_EQ(::mkfifo("/storage/fifo", 0644), 0);
+    const int listening = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "/storage/socket");
+    ASSERT_EQ(::bind(listening, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    const QString fifo = "/storage/fifo", socket = "/storage/socket";
+    struct Case
+    {
+        QStringList arguments;
+        QString message;
+        int status = 2;
+    };
+    const Case cases[] = {
         {{"--bogus"}, "Unknown option 'bogus'."},
         {{"--section", "nope"}, "unknown section 'nope'"},
         {{"extra-argument"}, "unexpected argument 'extra-argument'"},
@@ -367,16 +407,22 @@ TEST_F(RfsysinfoTest, MisuseAndUnreadableTreesExitWithOneLineReasons)
         {{"--diff", "a", "b", "c"}, "--diff takes BEFORE and at most AFTER"},
         {{"--diff", "a", "b", "--root", "c"}, "--diff BEFORE AFTER takes no --root"},
         {{"--diff", "a", "--check"}, "--diff is a report of its own"},
-        {{"--root", "/storage/no-such-tree"}, "the device tree /storage/no-such-tree cannot be found"},
-        {{"--diff", "/storage/no-such-tree", "--root", "/storage"}, "cannot read BEFORE (/storage/no-such-tree)"},
+        {{"--root", "/storage/no-such-tree"}, "cannot read /storage/no-such-tree: No such file or directory", 3},
+        {{"--diff", "/storage/no-such-tree", "--root", "/storage"}, "cannot read BEFORE (/storage/no-such-tree)", 3},
+        {{"--root", fifo}, "cannot read /storage/fifo: it is a FIFO, not a regular file or a folder", 3},
+        {{"--diff", fifo, "--root", "/storage"}, "cannot read BEFORE (/storage/fifo): it is a FIFO", 3},
+        {{"--diff", "/storage", socket}, "cannot read AFTER (/storage/socket): it is a socket", 3},
+        {{"--check", "--expect", fifo}, "refused the release profile /storage/fifo: it is a FIFO"},
+        {{"--check", "--expect", "/storage"}, "refused the release profile /storage: it is a folder"},
     };
-    for (const auto &[arguments, message] : cases) {
+    for (const auto &[arguments, message, status] : cases) {
         const ToolRun run = rfsysinfo(arguments);
-        EXPECT_EQ(run.status, arguments.contains("/storage/no-such-tree") ? 3 : 2) << arguments.join(' ').toStdString();
+        EXPECT_EQ(run.status, status) << arguments.join(' ').toStdString();
         EXPECT_EQ(run.out, "");
         EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.contains(message) && run.err.count('\n') == 1)
             << arguments.join(' ').toStdString() << ": " << run.err.toStdString();
     }
+    ::close(listening);
 }
 
 // A saved report and the device it was saved from are equal, sanitized or not: the saved report is

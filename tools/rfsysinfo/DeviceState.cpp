@@ -165,6 +165,34 @@ bool putReplayProgram(const DeviceNode &tool, const DeviceState &state, QString 
 
 } // namespace
 
+int openInput(const QString &path, bool foldersWanted, bool &isFolder, QString &refusal)
+{
+    int fd = rfsi::paths::openDeviceNode(QFile::encodeName(path).constData());
+    // A socket cannot be opened for reading at all; a descriptor of the path itself says what it is.
+    const bool pathOnly = fd < 0 && errno == ENXIO;
+    if (pathOnly)
+        fd = ::open(QFile::encodeName(path).constData(), O_PATH | O_CLOEXEC);
+    struct stat info;
+    if (fd < 0 || ::fstat(fd, &info) != 0) {
+        refusal = QString::fromLocal8Bit(std::strerror(errno));
+        if (fd >= 0)
+            ::close(fd);
+        return -1;
+    }
+    isFolder = S_ISDIR(info.st_mode);
+    if (!pathOnly && (S_ISREG(info.st_mode) || (isFolder && foldersWanted)))
+        return fd;
+    ::close(fd);
+    const char *kind = isFolder                                         ? "a folder"
+                       : S_ISFIFO(info.st_mode)                         ? "a FIFO"
+                       : S_ISSOCK(info.st_mode)                         ? "a socket"
+                       : S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode) ? "a device"
+                                                                        : "no regular file";
+    refusal = QStringLiteral("it is %1, not a regular file%2")
+                  .arg(QLatin1String(kind), QLatin1String(foldersWanted ? " or a folder" : ""));
+    return -1;
+}
+
 bool readUpTo(int fd, qint64 limit, QByteArray &content)
 {
     char buffer[65536];

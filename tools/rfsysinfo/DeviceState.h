@@ -74,6 +74,12 @@ constexpr qint64 captureTotalCap = 64 << 20;
 // Reads at most `limit` bytes of `fd` into `content`; false when the file goes on beyond them.
 bool readUpTo(int fd, qint64 limit, QByteArray &content);
 
+// An input named on a command line (a capture, a saved report, a release profile, a device tree),
+// opened without blocking (a FIFO would hold the open) and judged on the open descriptor, so that
+// nothing can be swapped in between. The descriptor of a regular file, or of a folder where folders
+// are wanted (`isFolder` tells which); else -1 and why ("it is a FIFO, not a regular file").
+int openInput(const QString &path, bool foldersWanted, bool &isFolder, QString &refusal);
+
 // The paths of every file a capture copies, sorted.
 QStringList capturedFilePaths();
 // The identity tools' paths, in the order the library asks them.

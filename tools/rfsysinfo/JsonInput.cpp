@@ -22,18 +22,12 @@ namespace {
 // The regular file at `path`, when it holds at most jsonInputCap bytes.
 std::optional<QByteArray> boundedRead(const QString &path, QString &refusal)
 {
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    struct stat info;
-    if (fd < 0 || ::fstat(fd, &info) != 0) {
-        refusal = QString::fromLocal8Bit(std::strerror(errno));
-        if (fd >= 0)
-            ::close(fd);
+    bool isFolder = false;
+    const int fd = openInput(path, false, isFolder, refusal);
+    if (fd < 0)
         return std::nullopt;
-    }
     QByteArray bytes;
-    if (!S_ISREG(info.st_mode))
-        refusal = QStringLiteral("it is not a regular file");
-    else if (!readUpTo(fd, jsonInputCap, bytes))
+    if (!readUpTo(fd, jsonInputCap, bytes))
         refusal = QStringLiteral("it is larger than %1 KiB").arg(jsonInputCap >> 10);
     ::close(fd);
     return refusal.isEmpty() ? std::optional<QByteArray>(bytes) : std::nullopt;

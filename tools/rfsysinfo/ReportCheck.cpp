@@ -15,6 +15,23 @@ using namespace rfsi::paths;
 class Findings
 {
 public:
+    explicit Findings(const QStringList &withheldSerials) : withheld(withheldSerials) {}
+
+    // A value of the report as a finding may show it.
+    QString shown(const QString &value) const { return withheld.contains(value) ? serialPlaceholder : value; }
+    QJsonValue shown(const QJsonValue &value, bool serialField) const
+    {
+        if (value.isArray()) {
+            QJsonArray values;
+            for (const QJsonValue &element : value.toArray())
+                values.append(shown(element, serialField));
+            return values;
+        }
+        if (!value.isString() || withheld.isEmpty())
+            return value;
+        return serialField ? QJsonValue(serialPlaceholder) : QJsonValue(shown(value.toString()));
+    }
+
     // One finding for `items` when there are any: "<what>: item, item", with `data` as its fields.
     void add(const char *id, bool error, const QString &what, const QStringList &items, const QJsonObject &data)
     {
@@ -28,6 +45,9 @@ public:
         add(id, error, what, items, QJsonObject{{QLatin1String(field), QJsonArray::fromStringList(items)}});
     }
     QVector<Finding> list;
+
+private:
+    const QStringList withheld;
 };
 
 void checkCapture(const Report &report, Findings &findings)
@@ -119,8 +139,8 @@ void checkTemperatures(const Report &report, const CheckOptions &options, Findin
     QJsonArray unavailableData, hotData;
     for (const TemperatureReading &reading : report.temperature.readings) {
         if (!reading.celsius) {
-            unavailable << QStringLiteral("%1 (%2)").arg(reading.sensor, reading.text);
-            unavailableData.append(QJsonObject{{"sensor", reading.sensor}, {"text", reading.text}});
+            unavailable << QStringLiteral("%1 (%2)").arg(reading.sensor, findings.shown(reading.text));
+            unavailableData.append(QJsonObject{{"sensor", reading.sensor}, {"text", findings.shown(reading.text)}});
         } else if (limit && *reading.celsius >= limit->celsius) {
             hot << QStringLiteral("%1 %2").arg(reading.sensor, reading.text);
             hotData.append(QJsonObject{{"sensor", reading.sensor}, {"celsius", *reading.celsius}});
@@ -129,7 +149,7 @@ void checkTemperatures(const Report &report, const CheckOptions &options, Findin
     findings.add("temperature.unavailable", false, QStringLiteral("temperature sensors without a reading"), unavailable,
                  QJsonObject{{"sensors", unavailableData}});
     if (!limit) {
-        const QString text = report.inventoryText("DPB_CriticalTemp");
+        const QString text = findings.shown(report.inventoryText("DPB_CriticalTemp"));
         findings.add("temperature.limit-unknown", false,
                      QStringLiteral("no critical temperature to judge the sensors by (--critical-temperature gives "
                                     "one)"),
@@ -173,16 +193,20 @@ void checkRelease(const Report &report, const CheckOptions &options, Findings &f
 {
     if (!options.release)
         return;
-    for (const ReleaseMismatch &mismatch : releaseMismatches(*options.release, reportSections(report)))
+    for (const ReleaseMismatch &mismatch : releaseMismatches(*options.release, reportSections(report))) {
+        // The profile's serial numbers are withheld with the unit's.
+        const bool serialField = isSerialField(mismatch.section, mismatch.key);
+        const QJsonValue expected = findings.shown(mismatch.expected, serialField);
+        const QJsonValue actual = findings.shown(mismatch.actual, serialField);
         findings.list.push_back(
             {QStringLiteral("release.mismatch"), true,
              QStringLiteral("%1 %2 is %3, release %4 expects %5")
-                 .arg(mismatch.section, mismatch.key, shownValue(mismatch.actual), options.release->name,
-                      shownValue(mismatch.expected)),
+                 .arg(mismatch.section, mismatch.key, shownValue(actual), options.release->name, shownValue(expected)),
              QJsonObject{{"section", mismatch.section},
                          {"key", mismatch.key},
-                         {"expected", mismatch.expected},
-                         {"actual", mismatch.actual.isUndefined() ? QJsonValue() : mismatch.actual}}});
+                         {"expected", expected},
+                         {"actual", actual.isUndefined() ? QJsonValue() : actual}}});
+    }
 }
 
 int countOf(const QVector<Finding> &findings, bool error)
@@ -209,7 +233,7 @@ std::optional<TemperatureLimit> temperatureLimit(const Report &report, const Che
 
 QVector<Finding> checkReport(const Report &report, const CheckOptions &options)
 {
-    Findings findings;
+    Findings findings(options.withheldSerials);
     checkCapture(report, findings);
     checkIdentity(report.identity, findings);
     checkInventory(report.inventory, findings);

@@ -25,6 +25,9 @@ struct CheckOptions
     bool strict = false;                       // warnings fail too
     std::optional<double> criticalTemperature; // the limit where the inventory gives none
     std::optional<ReleaseProfile> release;     // what the unit must carry
+    // --sanitize: serial numbers a finding must not show. A value that is one of them as a whole, and
+    // any value of a serial field, is shown as serialPlaceholder in messages and data alike.
+    QStringList withheldSerials;
 };
 
 // The critical temperature the check judges by: the inventory's, else the one given.

@@ -1,5 +1,6 @@
 #include "ReportDiff.h"
 
+#include "DeviceState.h"
 #include "JsonInput.h"
 #include "ReleaseProfile.h"
 #include "ReportModel.h"
@@ -16,6 +17,8 @@
 
 #include <algorithm>
 #include <functional>
+
+#include <unistd.h>
 
 namespace {
 
@@ -66,21 +69,32 @@ void flatten(const QString &key, const QJsonValue &value, QMap<QString, QJsonVal
     }
 }
 
-// A saved report sanitized as the tool sanitizes a report: the serial fields, and every text that is
-// one of their serial numbers as a whole.
-void sanitizeSections(QJsonObject &sections)
+// The serial fields of a report's sections, as "section/key".
+QStringList serialFields()
 {
     QStringList fields = {"identity/serialNumber", "identity/rfSerial"};
     for (const InventoryValue &value : emptyReport().inventory)
         if (value.serial)
             fields << "inventory/" + value.key;
+    return fields;
+}
+
+QStringList serialNumbersIn(const QJsonObject &sections)
+{
     QStringList serials;
-    for (const QString &field : fields) {
+    for (const QString &field : serialFields()) {
         const QString text =
             sections.value(field.section('/', 0, 0)).toObject().value(field.section('/', 1)).toString();
-        if (!isMarkerText(text))
+        if (!text.isEmpty() && !isMarkerText(text))
             serials << text;
     }
+    return serials;
+}
+
+// Sections sanitized as the tool sanitizes a report: the serial fields, and every text that is one of
+// `serials` as a whole.
+void sanitizeSections(QJsonObject &sections, const QStringList &serials)
+{
     std::function<QJsonValue(const QJsonValue &)> replaced = [&](const QJsonValue &value) -> QJsonValue {
         if (value.isString())
             return serials.contains(value.toString()) ? QJsonValue(serialPlaceholder) : value;
@@ -98,7 +112,7 @@ void sanitizeSections(QJsonObject &sections)
         return object;
     };
     sections = replaced(sections).toObject();
-    for (const QString &field : fields) {
+    for (const QString &field : serialFields()) {
         QJsonObject section = sections.value(field.section('/', 0, 0)).toObject();
         if (section.contains(field.section('/', 1)))
             section.insert(field.section('/', 1), serialPlaceholder);
@@ -148,31 +162,26 @@ QString sideText(const DiffSide &side)
 
 } // namespace
 
-std::optional<DiffSide> readDiffSide(const QString &path, const DiffOptions &options, QString &error)
+std::optional<DiffSide> readDiffSide(const QString &path, bool allowTools, QString &error)
 {
     DiffSide side{"instrument", path, {}, {}};
-    QStringList arguments;
-    if (options.sanitize)
-        arguments << "--sanitize";
-    const QFileInfo info(path);
     std::optional<QJsonObject> document;
     if (path.isEmpty()) {
-        document = reportOf(arguments, error);
-    } else if (info.isDir()) {
-        side.kind = "tree";
-        document = reportOf(arguments + QStringList{"--root", path} +
-                                (options.allowTools ? QStringList{"--allow-tools"} : QStringList()),
-                            error);
+        document = reportOf({}, error);
     } else {
-        QFile file(path);
-        const QByteArray magic = file.open(QIODevice::ReadOnly) ? file.read(2) : QByteArray();
-        if (!file.isOpen()) {
-            error = QStringLiteral("cannot read %1: %2").arg(path, file.errorString());
+        bool isFolder = false;
+        const int fd = openInput(path, true, isFolder, error);
+        if (fd < 0)
             return std::nullopt;
-        }
-        if (magic == "\x1f\x8b") {
-            side.kind = "capture";
-            document = reportOf(arguments + QStringList{"--root", path}, error);
+        char magic[2] = {};
+        const bool gzip =
+            !isFolder && ::pread(fd, magic, sizeof magic, 0) == 2 && magic[0] == '\x1f' && magic[1] == '\x8b';
+        ::close(fd);
+        if (isFolder || gzip) {
+            side.kind = isFolder ? "tree" : "capture";
+            document = reportOf(QStringList{"--root", path} +
+                                    (isFolder && allowTools ? QStringList{"--allow-tools"} : QStringList()),
+                                error);
         } else {
             side.kind = "report";
             QString refusal;
@@ -186,13 +195,18 @@ std::optional<DiffSide> readDiffSide(const QString &path, const DiffOptions &opt
     if (!document)
         return std::nullopt;
     side.sections = withoutHeader(*document, side.captured);
-    if (options.sanitize) {
-        if (side.kind == QLatin1String("report"))
-            sanitizeSections(side.sections);
-        if (!side.name.isEmpty())
-            side.name = sourcePlaceholder;
-    }
     return side;
+}
+
+void sanitizeSides(DiffSide &before, DiffSide &after)
+{
+    QStringList serials = serialNumbersIn(before.sections) + serialNumbersIn(after.sections);
+    serials.removeDuplicates();
+    for (DiffSide *side : {&before, &after}) {
+        sanitizeSections(side->sections, serials);
+        if (!side->name.isEmpty())
+            side->name = sourcePlaceholder;
+    }
 }
 
 QVector<Difference> reportDifferences(const DiffSide &before, const DiffSide &after, const QStringList &sections)

@@ -20,16 +20,15 @@ struct DiffSide
     QString captured; // a capture's (or a saved replay's) time of capture
 };
 
-struct DiffOptions
-{
-    bool allowTools = false; // run a device tree's identity tools
-    bool sanitize = false;
-};
-
 // The report of a side: `path` a capture, a device tree or a JSON report written by rfsysinfo --json;
 // empty for this instrument. Captures and trees are read by this program run again, each in a private
-// device root of its own. Nothing, with `error`, when the side cannot be read.
-std::optional<DiffSide> readDiffSide(const QString &path, const DiffOptions &options, QString &error);
+// device root of its own; `allowTools` runs a tree's identity tools. Nothing, with `error`, when the
+// side cannot be read.
+std::optional<DiffSide> readDiffSide(const QString &path, bool allowTools, QString &error);
+
+// --sanitize for both sides at once: a serial number of either side is withheld on both, and so are
+// the sides' names.
+void sanitizeSides(DiffSide &before, DiffSide &after);
 
 struct Difference
 {

@@ -6,6 +6,7 @@
 
 #include <QLocale>
 
+#include <algorithm>
 #include <functional>
 #include <vector>
 
@@ -288,6 +289,17 @@ QStringList serialNumbersIn(const Report &report)
     serials.erase(std::remove_if(serials.begin(), serials.end(), isMarkerText), serials.end());
     serials.removeDuplicates();
     return serials;
+}
+
+bool isSerialField(const QString &section, const QString &key)
+{
+    if (section == QLatin1String("identity"))
+        return key == QLatin1String("serialNumber") || key == QLatin1String("rfSerial");
+    if (section != QLatin1String("inventory"))
+        return false;
+    static const Report empty = emptyReport();
+    return std::any_of(empty.inventory.begin(), empty.inventory.end(),
+                       [&key](const InventoryValue &value) { return value.serial && value.key == key; });
 }
 
 void sanitizeReport(Report &report)

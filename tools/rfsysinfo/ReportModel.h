@@ -168,6 +168,9 @@ QStringList serialNumbersIn(const Report &report);
 // A replay shows the instrument's software as the capture recorded it.
 void applyRecordedSoftware(Report &report, const InstrumentSoftware &software);
 
+// Whether a report's key holds a serial number: the identity's two, and the inventory's serial keys.
+bool isSerialField(const QString &section, const QString &key);
+
 // Replaces the serial fields, and every other field whose whole value is one of the report's serial
 // numbers, by serialPlaceholder. Parts of other values are never touched: a serial "-" leaves every
 // date as it is. The names of the device tree and the capture are withheld.

@@ -328,13 +328,19 @@ bool enterDeviceTree(const Settings &settings, QString &error)
     const std::string treePath = QFile::encodeName(tree).toStdString();
     // Decided on the host, where the tree stands at its own path (its links resolved inside it).
     QStringList foreignTools;
-    for (const QString &tool : identityToolPaths())
-        if (!deviceroot::treeHolds(treePath, QFile::encodeName(tool).toStdString()))
-            foreignTools << tool;
-    // An empty device is possible (and then reported), but more often the wrong folder was given.
-    bool holdsAny = foreignTools.size() < identityToolPaths().size();
-    for (const QString &path : capturedFilePaths())
-        holdsAny = holdsAny || deviceroot::treeHolds(treePath, QFile::encodeName(path).toStdString());
+    bool holdsAny = false;
+    try {
+        for (const QString &tool : identityToolPaths())
+            if (!deviceroot::treeHolds(treePath, QFile::encodeName(tool).toStdString()))
+                foreignTools << tool;
+        // An empty device is possible (and then reported), but more often the wrong folder was given.
+        holdsAny = foreignTools.size() < identityToolPaths().size();
+        for (const QString &path : capturedFilePaths())
+            holdsAny = holdsAny || deviceroot::treeHolds(treePath, QFile::encodeName(path).toStdString());
+    } catch (const deviceroot::SetupError &setupError) {
+        error = QString::fromLocal8Bit(setupError.what());
+        return false;
+    }
     if (!holdsAny && QFileInfo(tree).isDir())
         std::fprintf(stderr, "rfsysinfo: warning: %s holds none of the files the library reads\n",
                      qPrintable(settings.deviceTree));
@@ -342,14 +348,9 @@ bool enterDeviceTree(const Settings &settings, QString &error)
            removeTools(foreignTools, error);
 }
 
-// Enters an empty device root and puts the captured state into it.
-std::optional<DeviceState> enterCapture(const Settings &settings, QString &error)
+// Enters an empty device root and puts the captured state (read from `fd`) into it.
+std::optional<DeviceState> enterCapture(const Settings &settings, int fd, QString &error)
 {
-    const int fd = ::open(QFile::encodeName(settings.deviceTree).constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        error = QStringLiteral("cannot read the capture %1: %2").arg(settings.deviceTree, std::strerror(errno));
-        return std::nullopt;
-    }
     QString refusal;
     std::optional<DeviceState> state = readCaptureArchive(fd, refusal);
     ::close(fd);
@@ -453,6 +454,8 @@ int report(const Settings &settings, ReportSource source, const DeviceState *rep
     checkOptions.strict = settings.strict;
     checkOptions.criticalTemperature = settings.criticalTemperature;
     checkOptions.release = settings.release;
+    if (settings.sanitize)
+        checkOptions.withheldSerials = serialNumbersIn(report);
     const QVector<Finding> findings =
         settings.check || settings.metrics ? checkReport(report, checkOptions) : QVector<Finding>();
     // A sanitized capture gives sanitized reports: what it replaced is not there to show.
@@ -476,18 +479,19 @@ int report(const Settings &settings, ReportSource source, const DeviceState *rep
 // Two reports compared key by key: exit status 0 when equal, 1 when they differ.
 int diff(const Settings &settings, const Destination &output)
 {
-    const DiffOptions options{settings.allowTools, settings.sanitize};
     QString error;
     std::optional<DiffSide> sides[2];
     for (int side = 0; side < 2; ++side) {
         // AFTER left out: the --root source, or this instrument.
         const QString path = settings.diffSides.value(side, settings.deviceTree);
-        sides[side] = readDiffSide(path, options, error);
+        sides[side] = readDiffSide(path, settings.allowTools, error);
         if (!sides[side])
             return fail(exitDeviceRoot, QStringLiteral("cannot read %1 (%2): %3")
                                             .arg(side == 0 ? "BEFORE" : "AFTER",
                                                  path.isEmpty() ? QStringLiteral("this instrument") : path, error));
     }
+    if (settings.sanitize)
+        sanitizeSides(*sides[0], *sides[1]);
     const QVector<Difference> differences = reportDifferences(*sides[0], *sides[1], settings.sections);
     const QByteArray text =
         settings.json ? diffJson(*sides[0], *sides[1], differences) : diffText(*sides[0], *sides[1], differences);
@@ -531,9 +535,15 @@ int main(int argc, char **argv)
     // The identity tools answer on this instrument, for a tree only when allowed, and for a capture
     // as they answered when it was made.
     std::optional<DeviceState> replayed;
-    const bool replay = !settings.deviceTree.isEmpty() && QFileInfo(settings.deviceTree).isFile();
+    bool treeIsFolder = false;
+    const int treeFd = settings.deviceTree.isEmpty() ? -1 : openInput(settings.deviceTree, true, treeIsFolder, error);
+    if (!settings.deviceTree.isEmpty() && treeFd < 0)
+        return fail(exitDeviceRoot, QStringLiteral("cannot read %1: %2").arg(settings.deviceTree, error));
+    const bool replay = treeFd >= 0 && !treeIsFolder;
+    if (treeFd >= 0 && treeIsFolder)
+        ::close(treeFd); // the device root opens the tree's folders itself
     if (replay) {
-        replayed = enterCapture(settings, error);
+        replayed = enterCapture(settings, treeFd, error);
         if (!replayed)
             return fail(exitDeviceRoot, error);
     } else if (!settings.deviceTree.isEmpty()) {
