@@ -43,18 +43,17 @@ int usage(const char *program)
     return usageError;
 }
 
-bool isRegularFile(const std::string &path)
+// A capture is read before the root is entered, where the archive still stands at its path. Nothing
+// when `path` is a folder (a device tree) or cannot be read (`error` says why).
+std::optional<DeviceState> readCapture(const std::string &path, bool &isFolder, std::string &error)
 {
-    struct stat info;
-    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
-}
-
-// A capture is read before the root is entered, where the archive still stands at its path.
-std::optional<DeviceState> readCapture(const std::string &path, std::string &error)
-{
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        error = "cannot read the capture " + path + ": " + std::strerror(errno);
+    QString reason;
+    const int fd = openInput(QString::fromStdString(path), true, isFolder, reason);
+    if (fd < 0 || isFolder) {
+        if (fd < 0)
+            error = "cannot read " + path + ": " + reason.toStdString();
+        else
+            ::close(fd);
         return std::nullopt;
     }
     QString refusal;
@@ -94,14 +93,16 @@ int main(int argc, char **argv)
         return usage(argv[0]);
 
     std::optional<DeviceState> capture;
-    if (!options.deviceTree.empty() && isRegularFile(options.deviceTree)) {
+    if (!options.deviceTree.empty()) {
+        bool isFolder = false;
         std::string error;
-        capture = readCapture(options.deviceTree, error);
-        if (!capture) {
+        capture = readCapture(options.deviceTree, isFolder, error);
+        if (!capture && !isFolder) {
             std::fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
             return setupError;
         }
-        options.deviceTree.clear();
+        if (capture)
+            options.deviceTree.clear();
     }
     try {
         deviceroot::enter(options);
