@@ -2,6 +2,7 @@
 
 #include "devicePaths.h"
 
+#include <QMutex>
 #include <QSettings>
 #include <QTextCodec>
 #include <QTextStream>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -124,37 +126,59 @@ std::optional<CountedList> readCountedList(const QString &path, int capacity)
 
 namespace {
 
-// QSettings opens files by name, and a name can be swapped for a FIFO (which would hold the open) between
-// any check and that open. So the file is opened and judged here, and QSettings reads it through the
-// descriptor's name in /proc. QSettings keeps what it parsed under that name, and trusts it while the
-// size and modification time stay the same; another file given the same descriptor number later could
-// match both. Reading an empty file under the name before the number is given back leaves nothing to
-// trust.
-class IniThroughDescriptor
+// QSettings opens files by name, and a name can be swapped for a FIFO (which would hold the open)
+// between any check and that open. So the file is opened and judged here, and QSettings reads it
+// through the descriptor's name in /proc. QSettings keeps what it parsed under that name and trusts it
+// while the size and modification time (in milliseconds) stay the same, so another file given the
+// same descriptor number later must not match both: where it would, QSettings first reads an empty
+// file under the name. What each name last showed QSettings is kept here.
+struct FileStamp
 {
-public:
-    explicit IniThroughDescriptor(int fd)
-        : fd(fd), name(QStringLiteral("/proc/self/fd/%1").arg(fd)), readable(::access(name.toLatin1(), R_OK) == 0)
-    {}
-    IniThroughDescriptor(const IniThroughDescriptor &) = delete;
-    IniThroughDescriptor &operator=(const IniThroughDescriptor &) = delete;
-    ~IniThroughDescriptor()
-    {
-        const int empty = ::memfd_create("rfsi-empty", MFD_CLOEXEC);
-        if (readable && empty >= 0 && ::dup3(empty, fd, O_CLOEXEC) == fd)
-            const QSettings forget(name, QSettings::IniFormat);
-        if (empty >= 0)
-            ::close(empty);
-        ::close(fd);
-    }
-    // Without /proc (a rescue system), QSettings can only be given the file's own name.
-    QString nameFor(const QString &path) const { return readable ? name : path; }
-
-private:
-    const int fd;
-    const QString name;
-    const bool readable;
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = -1;
+    timespec modified{}, changed{};
 };
+
+bool sameFile(const FileStamp &a, const FileStamp &b)
+{
+    return a.device == b.device && a.inode == b.inode && a.size == b.size && a.modified.tv_sec == b.modified.tv_sec &&
+           a.modified.tv_nsec == b.modified.tv_nsec && a.changed.tv_sec == b.changed.tv_sec &&
+           a.changed.tv_nsec == b.changed.tv_nsec;
+}
+
+bool qtTakesForTheSame(const FileStamp &a, const FileStamp &b)
+{
+    return a.size == b.size && a.modified.tv_sec == b.modified.tv_sec &&
+           a.modified.tv_nsec / 1000000 == b.modified.tv_nsec / 1000000;
+}
+
+// The name QSettings is to read the open regular file `fd` by, its cache made safe for it; the file's
+// own path where there is no /proc (a rescue system).
+QString nameForQSettings(int fd, const struct stat &info, const QString &path)
+{
+    static QMutex mutex;
+    static std::map<int, FileStamp> shown;
+    const QString name = QStringLiteral("/proc/self/fd/") + QString::number(fd);
+    if (::access(name.toLatin1().constData(), R_OK) != 0)
+        return path;
+    const FileStamp stamp{info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim};
+    const QMutexLocker locker(&mutex);
+    FileStamp &last = shown[fd];
+    if (!sameFile(last, stamp) && qtTakesForTheSame(last, stamp)) {
+        const int empty = ::memfd_create("rfsi-empty", MFD_CLOEXEC);
+        const int kept = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        if (empty >= 0 && kept >= 0 && ::dup3(empty, fd, O_CLOEXEC) == fd) {
+            const QSettings forget(name, QSettings::IniFormat);
+            ::dup3(kept, fd, O_CLOEXEC);
+        }
+        for (int spare : {empty, kept})
+            if (spare >= 0)
+                ::close(spare);
+    }
+    last = stamp;
+    return name;
+}
 
 } // namespace
 
@@ -174,10 +198,12 @@ std::optional<QStringList> readIniValues(const QString &path, const QStringList 
             values << QString::fromLatin1(missingKeyMarker);
         return values;
     }
-    const IniThroughDescriptor file(fd);
-    const QSettings settings(file.nameFor(path), QSettings::IniFormat);
-    for (const QString &key : keys)
-        values << settings.value(key, QString::fromLatin1(missingKeyMarker)).toString();
+    {
+        const QSettings settings(nameForQSettings(fd, info, path), QSettings::IniFormat);
+        for (const QString &key : keys)
+            values << settings.value(key, QString::fromLatin1(missingKeyMarker)).toString();
+    }
+    ::close(fd);
     return values;
 }
 

@@ -93,7 +93,11 @@ TEST_F(RfsysinfoTest, TextReportShowsEverySectionWithAlignedLabels)
 
 TEST_F(RfsysinfoTest, NothingWrittenWithSanitizeHoldsASerialNumber)
 {
-    // A profile that pins another unit's serial numbers, and a saved report of another unit.
+    // A backup folder named after the instrument, a profile that pins another unit's serial numbers,
+    // and a saved report of another unit.
+    const std::string named = "/storage/KV721-24-0042";
+    fs::copy(sampleDevice.toStdString(), named, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    const QStringList source = {"--root", QString::fromStdString(named), "--allow-tools", "--sanitize"};
     const QString profile = QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/devices/profiles/kv721-another-unit.json");
     QFile saved(QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/devices/reports/sample-device.json"));
     ASSERT_TRUE(saved.open(QIODevice::ReadOnly));
@@ -111,13 +115,23 @@ TEST_F(RfsysinfoTest, NothingWrittenWithSanitizeHoldsASerialNumber)
         {"--diff", "/storage/another-unit.json", "--json"},
     };
     for (const QStringList &form : forms) {
-        const ToolRun run = rfsysinfo(sampleWithTools + form + QStringList{"--sanitize"});
+        const ToolRun run = rfsysinfo(form + source);
         SCOPED_TRACE(form.join(' ').toStdString() + "\n" + run.out.toStdString());
         EXPECT_TRUE(run.out.contains(form.contains("--diff") ? "5.010.004" : "KV721") && run.err.isEmpty())
             << run.err.toStdString();
         for (const QString &serial : withheld)
             EXPECT_FALSE(run.out.contains(serial)) << serial.toStdString();
     }
+    // The capture holds neither, and none of the tree's programs.
+    captureOf(source);
+    QProcess gzip;
+    gzip.start("gzip", {"-dc", capturePath});
+    gzip.waitForFinished(10000);
+    const QByteArray unpacked = gzip.readAllStandardOutput();
+    ASSERT_GT(unpacked.size(), 10000);
+    for (const QString &serial : sampleSerials)
+        EXPECT_FALSE(unpacked.contains(serial.toUtf8())) << serial.toStdString();
+    EXPECT_FALSE(unpacked.contains("#!/bin/sh")) << "an identity tool was copied";
 }
 
 TEST_F(RfsysinfoTest, MarkersInTheTextSayWhatTheyMeanWhileTheJsonKeepsThem)
@@ -217,24 +231,6 @@ TEST_F(RfsysinfoTest, AFileOfExactlyTheCapIsCapturedWholeAndOneByteMoreIsCutAndN
     }
 }
 
-TEST_F(RfsysinfoTest, ASanitizedCaptureHoldsNoSerialAndNoProgram)
-{
-    // A backup folder is often named after the instrument: its name must not reach the capture either.
-    const std::string named = "/storage/KV721-24-0042";
-    fs::copy(sampleDevice.toStdString(), named, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-    const QStringList source = {"--root", QString::fromStdString(named), "--allow-tools", "--sanitize"};
-    EXPECT_FALSE(rfsysinfo(source).out.contains("KV721-24-0042"));
-    captureOf(source);
-    QProcess gzip;
-    gzip.start("gzip", {"-dc", capturePath});
-    gzip.waitForFinished(10000);
-    const QByteArray unpacked = gzip.readAllStandardOutput();
-    ASSERT_GT(unpacked.size(), 10000);
-    for (const QString &serial : sampleSerials)
-        EXPECT_FALSE(unpacked.contains(serial.toUtf8())) << serial.toStdString();
-    EXPECT_FALSE(unpacked.contains("#!/bin/sh")) << "an identity tool was copied";
-}
-
 TEST_F(RfsysinfoTest, CapturesOfAnUnchangedDeviceDifferOnlyInTheManifestsTime)
 {
     auto capturedBytes = [](const QString &epoch) {
@@ -287,9 +283,9 @@ TEST_F(RfsysinfoTest, CheckExitStatusFollowsTheVerdictAndItsOptions)
         EXPECT_TRUE(run.out.endsWith(status ? "(strict: warnings fail)\n" : "\n"));
     }
     EXPECT_EQ(rfsysinfo({"--check"}).status, 1) << "the test's own device is empty";
-    // The verdict names the instrument (sanitized when asked) and when it was judged.
-    QJsonObject json = parsedJson(rfsysinfo(QStringList{"--check", "--json", "--sanitize"} + sampleWithTools));
-    EXPECT_EQ(json["identity"], QJsonObject({{"model", "KV721"}, {"serialNumber", "<serial>"}}));
+    // The verdict names the instrument and when it was judged.
+    QJsonObject json = parsedJson(rfsysinfo(QStringList{"--check", "--json"} + sampleWithTools));
+    EXPECT_EQ(json["identity"], QJsonObject({{"model", "KV721"}, {"serialNumber", "KV721-24-0042"}}));
     const QDateTime checked = QDateTime::fromString(json["checked"].toString(), Qt::ISODate);
     EXPECT_LT(std::abs(checked.secsTo(QDateTime::currentDateTimeUtc())), 60)
         << json["checked"].toString().toStdString();
