@@ -122,6 +122,14 @@ TEST_F(StateTest, OnlyGetRFModuleRevisionStoresTheSummaryAndEveryCallRereads)
     EXPECT_EQ(rfSystemInfo::RFHwRevision, "2.1/1.0/3.0");
     writeDeviceFile(rfRevisionPath, "RF_REVISION=2.1/1.0/3.7\n"); // same size: only the new time tells
     EXPECT_EQ(info.getDncModuleStringRevision(), "3.7");
+    // Another INI file of the same size and time, read between, is read as itself, and so is this one.
+    writeDeviceFile(inventoryPath, "DPB_Revision=123456789A\n");
+    struct stat revision;
+    ASSERT_EQ(::stat(rfRevisionPath.c_str(), &revision), 0);
+    const timespec sameTimes[2] = {revision.st_mtim, revision.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, inventoryPath.c_str(), sameTimes, 0), 0);
+    EXPECT_EQ(info.getDpbRfSysInfoFromFile(2, true), "123456789A");
+    EXPECT_EQ(info.getDncModuleStringRevision(), "3.7");
     fs::remove(rfRevisionPath);
     EXPECT_EQ(info.getRFModuleRevision(), "NONE");
     EXPECT_EQ(rfSystemInfo::RFHwRevision, "NONE");
