@@ -159,9 +159,10 @@ QString nameForQSettings(int fd, const struct stat &info, const QString &path)
 {
     static QMutex mutex;
     static std::map<int, FileStamp> shown;
-    const QString name = QStringLiteral("/proc/self/fd/") + QString::number(fd);
-    if (::access(name.toLatin1().constData(), R_OK) != 0)
+    static const bool procShown = ::access("/proc/self/fd", X_OK) == 0;
+    if (!procShown)
         return path;
+    const QString name = QStringLiteral("/proc/self/fd/") + QString::number(fd);
     const FileStamp stamp{info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim};
     const QMutexLocker locker(&mutex);
     FileStamp &last = shown[fd];
