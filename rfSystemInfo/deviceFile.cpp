@@ -2,6 +2,7 @@
 
 #include "devicePaths.h"
 
+#include <QHash>
 #include <QMutex>
 #include <QSettings>
 #include <QTextCodec>
@@ -127,11 +128,9 @@ std::optional<CountedList> readCountedList(const QString &path, int capacity)
 namespace {
 
 // QSettings opens files by name, and a name can be swapped for a FIFO (which would hold the open)
-// between any check and that open. So the file is opened and judged here, and QSettings reads it
-// through the descriptor's name in /proc. QSettings keeps what it parsed under that name and trusts it
-// while the size and modification time (in milliseconds) stay the same, so another file given the
-// same descriptor number later must not match both: where it would, QSettings first reads an empty
-// file under the name. What each name last showed QSettings is kept here.
+// between any check and that open. So the file is opened and judged here, and QSettings parses it
+// through the descriptor's name in /proc. What it parsed is kept with the file's stamp and used until
+// any part of the stamp changes: every read opens the file, but parses it only when it changed.
 struct FileStamp
 {
     dev_t device = 0;
@@ -147,24 +146,24 @@ bool sameFile(const FileStamp &a, const FileStamp &b)
            a.changed.tv_nsec == b.changed.tv_nsec;
 }
 
+// QSettings keeps its own parse under a name and trusts it while the size and modification time (in
+// milliseconds) stay the same, so another file given the same descriptor number later must not match
+// both: where it would, QSettings first reads an empty file under the name.
 bool qtTakesForTheSame(const FileStamp &a, const FileStamp &b)
 {
     return a.size == b.size && a.modified.tv_sec == b.modified.tv_sec &&
            a.modified.tv_nsec / 1000000 == b.modified.tv_nsec / 1000000;
 }
 
-// The name QSettings is to read the open regular file `fd` by, its cache made safe for it; the file's
-// own path where there is no /proc (a rescue system).
-QString nameForQSettings(int fd, const struct stat &info, const QString &path)
+// The name QSettings is to parse the open regular file `fd` by, its cache made safe for it; the file's
+// own path where there is no /proc (a rescue system). Called under the parses' lock.
+QString nameForQSettings(int fd, const FileStamp &stamp, const QString &path)
 {
-    static QMutex mutex;
-    static std::map<int, FileStamp> shown;
+    static std::map<int, FileStamp> shown; // what each name last showed QSettings
     static const bool procShown = ::access("/proc/self/fd", X_OK) == 0;
     if (!procShown)
         return path;
     const QString name = QStringLiteral("/proc/self/fd/") + QString::number(fd);
-    const FileStamp stamp{info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim};
-    const QMutexLocker locker(&mutex);
     FileStamp &last = shown[fd];
     if (!sameFile(last, stamp) && qtTakesForTheSame(last, stamp)) {
         const int empty = ::memfd_create("rfsi-empty", MFD_CLOEXEC);
@@ -179,6 +178,26 @@ QString nameForQSettings(int fd, const struct stat &info, const QString &path)
     }
     last = stamp;
     return name;
+}
+
+struct ParsedIni
+{
+    FileStamp stamp;
+    QHash<QString, QString> values;
+};
+
+// Every value of the open INI file `fd` at `path`, as QSettings gives it.
+const QHash<QString, QString> &parsedValues(int fd, const FileStamp &stamp, const QString &path)
+{
+    static QHash<QString, ParsedIni> parsed;
+    ParsedIni &last = parsed[path];
+    if (!sameFile(last.stamp, stamp)) {
+        const QSettings settings(nameForQSettings(fd, stamp, path), QSettings::IniFormat);
+        last = {stamp, {}};
+        for (const QString &key : settings.allKeys())
+            last.values.insert(key, settings.value(key).toString());
+    }
+    return last.values;
 }
 
 } // namespace
@@ -200,9 +219,12 @@ std::optional<QStringList> readIniValues(const QString &path, const QStringList 
         return values;
     }
     {
-        const QSettings settings(nameForQSettings(fd, info, path), QSettings::IniFormat);
+        static QMutex mutex;
+        const QMutexLocker locker(&mutex);
+        const QHash<QString, QString> &parsed =
+            parsedValues(fd, {info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim}, path);
         for (const QString &key : keys)
-            values << settings.value(key, QString::fromLatin1(missingKeyMarker)).toString();
+            values << parsed.value(key, QString::fromLatin1(missingKeyMarker));
     }
     ::close(fd);
     return values;
