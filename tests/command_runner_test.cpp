@@ -160,12 +160,16 @@ TEST_F(CommandRunnerTest, EachRunWritesOneDebugLine)
               QStringList({R"("/bin/missing/sicutil" ("-r", "-sol", "5", "ProductName"))", R"("/bin/cat" ("a b"))"}));
 }
 
-TEST_F(CommandRunnerTest, ToolGetsTheCallersEnvironmentAndDirectoryButNothingElseOfIt)
+// Whatever the caller's standard streams (0, 1, 2 open or closed) and SIGCHLD, and while another of its
+// threads forks: the same answer, and the tool gets the caller's environment and directory but
+// nothing else of it.
+TEST_F(CommandRunnerTest, ToolGetsTheCallersEnvironmentAndNothingElseWhateverStreamsAndSigchldItHas)
 {
-    installTool("/bin/tool", R"sh(read -r pid name state parent group session rest < /proc/$$/stat
+    installTool("/bin/tool", R"sh(set -- $1; echo "$1"
+read -r pid name state parent group session rest < /proc/$$/stat
 [ "$group $session" = "$$ $$" ] && echo own-session
 echo "$0"; readlink /proc/$$/fd/0 /proc/$$/fd/2
-[ -e /proc/$$/fd/$1 ] && echo "descriptor $1 leaked"
+[ -e /proc/$$/fd/$2 ] && echo "descriptor $2 leaked"
 grep -E '^SigIgn' /proc/$$/status
 echo "$RFSI_CALLER_MARK $(pwd)")sh");
     // The shell clears its signal mask when it starts; awk shows the one it was given.
@@ -173,33 +177,20 @@ echo "$RFSI_CALLER_MARK $(pwd)")sh");
                     "#!/usr/bin/awk -f\nBEGIN { while ((getline line < \"/proc/self/status\") > 0) "
                     "if (line ~ /^SigBlk/) print line }\n",
                     0755);
-    inFreshProcess([] {
-        // What the caller holds: a descriptor opened without close-on-exec, a blocked and an ignored
-        // signal, an environment variable and a working directory of its own.
-        const int descriptor = ::open("/dev/null", O_RDONLY);
-        sigset_t blocked;
-        sigemptyset(&blocked);
-        sigaddset(&blocked, SIGUSR1);
-        ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
-        ::signal(SIGTERM, SIG_IGN);
-        ::setenv("RFSI_CALLER_MARK", "mark", 1);
-        fs::current_path("/storage");
-        rfSystemInfo &caller = *rfSystemInfo::param();
-        // A bare name is searched in PATH.
-        EXPECT_EQ((caller.executeCmd("tool", std::to_string(descriptor)) + " " + caller.executeCmd("/bin/mask", ""))
-                      .toStdString(),
-                  "own-session /bin/tool /dev/null /dev/null SigIgn: 0000000000000000 mark /storage SigBlk: "
-                  "0000000000000000");
-    });
-}
-
-TEST_F(CommandRunnerTest, AnswerIsTheSameWhateverStreamsAndSigchldTheCallerHasWhileAnotherThreadForks)
-{
-    installTool("/bin/tool", "echo \"$1\"; readlink /proc/$$/fd/0 /proc/$$/fd/2");
     for (const char *sigchld : {"", "ignored", "nocldwait", "reaped"})
         for (int closed = 0; closed < 8; ++closed) { // bit n: standard stream n closed
             SCOPED_TRACE(std::string("SIGCHLD ") + sigchld + ", closed streams mask " + std::to_string(closed));
             inFreshProcess([sigchld, closed] {
+                // What the caller holds: a descriptor opened without close-on-exec, a blocked and an
+                // ignored signal, an environment variable and a working directory of its own.
+                const int descriptor = ::open("/dev/null", O_RDONLY);
+                sigset_t blocked;
+                sigemptyset(&blocked);
+                sigaddset(&blocked, SIGUSR1);
+                ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+                ::signal(SIGTERM, SIG_IGN);
+                ::setenv("RFSI_CALLER_MARK", "mark", 1);
+                fs::current_path("/storage");
                 const struct sigaction action = disposition(sigchld);
                 ::sigaction(SIGCHLD, &action, nullptr);
                 rfSystemInfo &caller = *rfSystemInfo::param();
@@ -213,15 +204,22 @@ TEST_F(CommandRunnerTest, AnswerIsTheSameWhateverStreamsAndSigchldTheCallerHasWh
                 qint64 longestMs = 0;
                 {
                     const ForkingThread forking(10);
+                    // A bare name is searched in PATH.
                     for (int run = 0; run < 10; ++run)
                         longestMs = std::max(longestMs, millisecondsOf([&] {
-                                                 answers << caller.executeCmd("/bin/tool", std::to_string(run));
+                                                 answers << caller.executeCmd("tool", std::to_string(run) + " " +
+                                                                                          std::to_string(descriptor));
                                              }));
+                    answers << caller.executeCmd("/bin/mask", "");
                 }
                 for (int fd = 0; fd < 3; ++fd)
                     ::dup3(saved[fd], fd, 0);
                 for (int run = 0; run < 10; ++run)
-                    EXPECT_EQ(answers.value(run), QStringLiteral("%1 /dev/null /dev/null").arg(run));
+                    EXPECT_EQ(answers.value(run),
+                              QStringLiteral("%1 own-session /bin/tool /dev/null /dev/null SigIgn: 0000000000000000 "
+                                             "mark /storage")
+                                  .arg(run));
+                EXPECT_EQ(answers.value(10), "SigBlk: 0000000000000000");
                 EXPECT_LT(longestMs, 8000) << "a run waited on a descriptor that a forked child held";
             });
         }

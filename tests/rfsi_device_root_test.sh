@@ -18,25 +18,39 @@ grep -qx "rfsysinfo: warning: $work.empty holds none of the files the library re
     { echo "FAIL: no warning for an empty tree:"; cat "$work.warning"; status=1; }
 
 # A copied tree's program tries to reach the host from inside the device root: through every /proc
-# path, every writable mount, the kernel's settings, device nodes, remounts and links in the tree that
-# point out of it. Every try must fail and the host's file stay as it was.
+# path of every other process (its root, folder, descriptors, memory), every writable mount, the
+# kernel's settings, device nodes, remounts, links in the tree that point out of it, and keystrokes
+# injected into every terminal it can open (TIOCSTI). It runs under rfsi-device-root, and as the tree's
+# identity tool under rfsysinfo, which writes its report into a host folder from a terminal. Every try
+# must fail and the host's file stay as it was.
 rm -rf "$work"
-mkdir -p "$work/tree/storage" "$work/tree/sys/class/thermal"
+mkdir -p "$work/tree/storage" "$work/tree/bin" "$work/tree/sys/class/thermal" "$work/reports"
 host_file=$work/host-file
 echo untouched > "$host_file"
 ln -s "$host_file" "$work/tree/storage/absolute-link"
 ln -s "../../../../../../../../..$host_file" "$work/tree/storage/relative-link"
-cat > "$work/tree/storage/attack" <<'ATTACK'
+cat > "$work/tree/bin/getSicutil" <<'ATTACK'
 #!/bin/sh
-host_file=$1
+host_file=HOST_FILE
 try() { # try PATH: write through PATH; says whether it was written
     if reason=$( (echo escaped > "$1") 2>&1); then echo "WRITTEN $1"; else echo "refused $1: ${reason##*: }"; fi
 }
+inject='open(my $t, "+<", $ARGV[0]) or exit 1; ioctl($t, 0x5412, "x") or exit 1' # TIOCSTI
 try "$host_file"
 for process in /proc/[0-9]*; do
+    read -r _ _ _ _ _ session _ < "$process/stat" || continue
+    [ "$process" = /proc/$$ ] || [ "$session" = $$ ] && continue # this program and its own children
     try "$process/root$host_file"
     try "$process/cwd$host_file"
-    for descriptor in "$process"/fd/*; do try "$descriptor$host_file"; done
+    head -c 1 "$process/environ" >/dev/null 2>&1 && echo "READ $process/environ"
+    for descriptor in "$process"/fd/*; do
+        try "$descriptor$host_file"
+        try "$descriptor/escape"
+        perl -e "$inject" "$descriptor" 2>/dev/null && echo "INJECTED $descriptor"
+    done
+done
+for terminal in /dev/tty /dev/stdin /dev/stdout /dev/stderr; do
+    perl -e "$inject" "$terminal" 2>/dev/null && echo "INJECTED $terminal"
 done
 while read -r _ _ _ _ point options _; do
     case ",$options," in *,rw,*) try "$point$host_file" ;; esac
@@ -52,44 +66,19 @@ mount -t proc proc /storage 2>/dev/null && echo "WRITTEN a mount of the host's /
 mknod /tmp/disk b 8 0 2>/dev/null && echo "WRITTEN a block device node" || echo "refused mknod of a disk"
 echo "processes visible: $(ls -d /proc/[0-9]* | wc -l); devices: $(ls /dev | tr '\n' ' ')"
 ATTACK
-chmod +x "$work/tree/storage/attack"
-
-"$device_root" --tree "$work/tree" -- /storage/attack "$host_file" > "$work/tries" 2>&1 || true
-cat "$work/tries"
-grep -q '^refused /proc/1/root' "$work/tries" || { echo "FAIL: /proc/1/root was not tried"; status=1; }
-grep -q '^WRITTEN' "$work/tries" && { echo "FAIL: a write reached a path it must not"; status=1; }
-[ "$(cat "$host_file")" = untouched ] || { echo "FAIL: the host's file was changed"; status=1; }
-
-# The tree's identity tool, allowed to run, attacks rfsysinfo itself, which writes its report into a
-# host folder from a terminal: it writes through every descriptor of every other process in /proc,
-# reads their memory, and injects keystrokes into every terminal it can open. Its answer (the model)
-# says what it managed.
-mkdir -p "$work/tree/bin" "$work/reports"
-cat > "$work/tree/bin/getSicutil" <<'ATTACK'
-#!/bin/sh
-inject='open(my $t, "+<", $ARGV[0]) or exit 1; ioctl($t, 0x5412, "x") or exit 1' # TIOCSTI
-tried=0
-for process in /proc/[0-9]*; do
-    read -r _ _ _ _ _ session _ < "$process/stat" || continue
-    [ "$session" = $$ ] && continue # this tool and its own children
-    tried=$((tried + 1))
-    head -c 1 "$process/environ" >/dev/null 2>&1 && echo "READ $process/environ"
-    for descriptor in "$process"/fd/*; do
-        (echo escaped > "$descriptor/escape") 2>/dev/null && echo "WRITTEN $descriptor/escape"
-        perl -e "$inject" "$descriptor" 2>/dev/null && echo "INJECTED $descriptor"
-    done
-done
-for terminal in /dev/tty /dev/stdin /dev/stdout /dev/stderr; do
-    perl -e "$inject" "$terminal" 2>/dev/null && echo "INJECTED $terminal"
-done
-echo "tried $tried processes"
-ATTACK
+sed -i "s|HOST_FILE|$host_file|" "$work/tree/bin/getSicutil"
 chmod +x "$work/tree/bin/getSicutil"
+
+"$device_root" --tree "$work/tree" -- /bin/getSicutil > "$work/tries" 2>&1 || true
 script -qec "'$rfsysinfo' --root '$work/tree' --allow-tools --section identity --output '$work/reports/report.txt'" \
     /dev/null </dev/null >"$work/terminal" 2>&1 || true
-cat "$work/reports/report.txt"
-grep -q 'tried [1-9]' "$work/reports/report.txt" || { echo "FAIL: the tool's attack did not run"; status=1; }
-grep -Eq 'WRITTEN|READ|INJECTED' "$work/reports/report.txt" && { echo "FAIL: the tree's tool reached rfsysinfo"; status=1; }
+cat "$work/tries" "$work/reports/report.txt"
+grep -q '^refused /proc/1/root' "$work/tries" || { echo "FAIL: /proc/1/root was not tried"; status=1; }
+grep -q 'refused /proc/[0-9]*/fd/[0-9]*/escape' "$work/reports/report.txt" ||
+    { echo "FAIL: rfsysinfo's descriptors were not tried"; status=1; }
+grep -Eq 'WRITTEN|READ|INJECTED' "$work/tries" "$work/reports/report.txt" &&
+    { echo "FAIL: a try reached what it must not"; status=1; }
+[ "$(cat "$host_file")" = untouched ] || { echo "FAIL: the host's file was changed"; status=1; }
 [ "$(ls "$work/reports")" = report.txt ] || { echo "FAIL: the tree's tool wrote into the host folder"; status=1; }
 
 # Names the kernel's mount options would split at (':' ',' '\\', spaces, a line end): the tree's Dsp
