@@ -7,8 +7,6 @@
 #include "ReportOutput.h"
 
 #include <QCoreApplication>
-#include <QFile>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QMap>
@@ -67,16 +65,6 @@ void flatten(const QString &key, const QJsonValue &value, QMap<QString, QJsonVal
     } else {
         leaves.insert(key, value);
     }
-}
-
-// The serial fields of a report's sections, as "section/key".
-QStringList serialFields()
-{
-    QStringList fields = {"identity/serialNumber", "identity/rfSerial"};
-    for (const InventoryValue &value : emptyReport().inventory)
-        if (value.serial)
-            fields << "inventory/" + value.key;
-    return fields;
 }
 
 QStringList serialNumbersIn(const QJsonObject &sections)

@@ -291,15 +291,21 @@ QStringList serialNumbersIn(const Report &report)
     return serials;
 }
 
+const QStringList &serialFields()
+{
+    static const QStringList fields = [] {
+        QStringList names = {"identity/serialNumber", "identity/rfSerial"};
+        for (const InventoryValue &value : emptyReport().inventory)
+            if (value.serial)
+                names << "inventory/" + value.key;
+        return names;
+    }();
+    return fields;
+}
+
 bool isSerialField(const QString &section, const QString &key)
 {
-    if (section == QLatin1String("identity"))
-        return key == QLatin1String("serialNumber") || key == QLatin1String("rfSerial");
-    if (section != QLatin1String("inventory"))
-        return false;
-    static const Report empty = emptyReport();
-    return std::any_of(empty.inventory.begin(), empty.inventory.end(),
-                       [&key](const InventoryValue &value) { return value.serial && value.key == key; });
+    return serialFields().contains(section + '/' + key);
 }
 
 void sanitizeReport(Report &report)

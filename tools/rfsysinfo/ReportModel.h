@@ -168,7 +168,9 @@ QStringList serialNumbersIn(const Report &report);
 // A replay shows the instrument's software as the capture recorded it.
 void applyRecordedSoftware(Report &report, const InstrumentSoftware &software);
 
-// Whether a report's key holds a serial number: the identity's two, and the inventory's serial keys.
+// The report's keys that hold a serial number, as "section/key": the identity's two, and the
+// inventory's serial keys.
+const QStringList &serialFields();
 bool isSerialField(const QString &section, const QString &key);
 
 // Replaces the serial fields, and every other field whose whole value is one of the report's serial
