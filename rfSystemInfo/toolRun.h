@@ -16,7 +16,8 @@ namespace rfsi {
 // the program cannot be started.
 //
 // The program is started with posix_spawn, which shares the caller's memory until the exec instead
-// of copying its page tables as fork() does: the cost of a run does not grow with the caller's size.
+// of copying its page tables as fork() does (the cost of a run does not grow with the caller's size),
+// and which reports a failed exec itself. The caller's SIGCHLD handling does not matter.
 QByteArray runTool(const QByteArray &program, const QList<QByteArray> &arguments, int timeoutMs);
 
 } // namespace rfsi
