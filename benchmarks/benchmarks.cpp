@@ -4,6 +4,7 @@
 #include "Baselines.h"
 #include "DeviceRoot.h"
 #include "QueryRound.h"
+#include "markers.h"
 
 #include <rfSystem_Info.h>
 
@@ -57,7 +58,8 @@ std::string presence(std::initializer_list<const char *> paths)
 {
     std::string report;
     for (const char *path : paths)
-        report += (report.empty() ? "" : "/") + std::string(baseline::exists(path) ? "OK" : "NONE");
+        report += (report.empty() ? "" : "/") +
+                  std::string(baseline::exists(path) ? rfsi::marker::present : rfsi::marker::none);
     return report;
 }
 

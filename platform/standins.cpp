@@ -4,6 +4,7 @@
 #include "SolSrvInfo.h"
 #include "VersionInfo.h"
 #include "devicePaths.h"
+#include "markers.h"
 
 #include <QByteArray>
 
@@ -13,7 +14,6 @@
 
 namespace {
 
-constexpr char notAvailable[] = "N/A";
 // Longer than any number a thermal zone prints ("-273150\n").
 constexpr size_t thermalReadLimit = 32;
 
@@ -43,7 +43,7 @@ std::string SolSrvInfo::getDpbTemperatureFromInfoFile(int sensor)
 {
     long long millidegrees = 0;
     if (!readMillidegrees(sensor, &millidegrees))
-        return notAvailable;
+        return rfsi::marker::noReading;
     // to_chars, not printf: the same text in every locale of the caller ("45.2", never "45,2").
     char text[32];
     const auto end = std::to_chars(text, text + sizeof text, static_cast<double>(millidegrees) / 1000.0,

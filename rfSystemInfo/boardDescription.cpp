@@ -5,6 +5,7 @@
 #include "DpbJsonHandle.h"
 #include "deviceFile.h"
 #include "devicePaths.h"
+#include "markers.h"
 
 #include <QJsonObject>
 #include <QJsonValue>
@@ -17,7 +18,6 @@ namespace {
 
 using rfsi::paths::boardDescription;
 constexpr char fpgaVersionSection[] = "FPGA_VER";
-constexpr char defaultFpgaVersion[] = "1000";
 
 // The open-failure line names its origin the way the instrument's logs always have.
 constexpr char openFailureFormat[] = "[%s:%s:%d] File open fail!! %s\n";
@@ -73,5 +73,5 @@ QString rfSystemInfo::getFpgaVersionrfSystemInfo(QString key)
     const QJsonObject section = handle.getObjectList(dpbJsonDoc, QString::fromLatin1(fpgaVersionSection));
     // Only a JSON string is a version: anything else (absent, a number) reads as a null text.
     const QString version = section.value(key).toString();
-    return version.isNull() ? QString::fromLatin1(defaultFpgaVersion) : version;
+    return version.isNull() ? QString::fromLatin1(rfsi::marker::noVersion) : version;
 }

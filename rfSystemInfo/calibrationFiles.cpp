@@ -4,23 +4,22 @@
 
 #include "deviceFile.h"
 #include "devicePaths.h"
+#include "markers.h"
 
 #include <initializer_list>
 
 namespace {
 
-constexpr char presentWord[] = "OK";
-constexpr char missingWord[] = "NONE";
 constexpr char wordSeparator[] = "/";
 
 using namespace rfsi::paths;
 
 QString fileStatusWord(const QString &path)
 {
-    return QString::fromLatin1(rfsi::exists(path) ? presentWord : missingWord);
+    return QString::fromLatin1(rfsi::exists(path) ? rfsi::marker::present : rfsi::marker::none);
 }
 
-// "OK" or "NONE" per file, in the given order, joined by "/".
+// The present or none marker per file, in the given order, joined by "/".
 QString presenceReport(std::initializer_list<const char *> paths)
 {
     QStringList words;
@@ -55,7 +54,7 @@ QString rfSystemInfo::checkSystemDate(QString path)
 {
     QFile file(path);
     if (!rfsi::exists(path) || !rfsi::openForReading(file))
-        return QString::fromLatin1(missingWord);
+        return QString::fromLatin1(rfsi::marker::none);
     return rfsi::textUpToNul(file.readLine()).trimmed().simplified();
 }
 

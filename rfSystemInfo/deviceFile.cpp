@@ -1,4 +1,5 @@
 #include "deviceFile.h"
+#include "markers.h"
 
 #include "devicePaths.h"
 
@@ -215,7 +216,7 @@ std::optional<QStringList> readIniValues(const QString &path, const QStringList 
         if (fd >= 0)
             ::close(fd);
         for (int i = 0; i < keys.size(); ++i)
-            values << QString::fromLatin1(missingKeyMarker);
+            values << QString::fromLatin1(marker::keyMissing);
         return values;
     }
     {
@@ -224,7 +225,7 @@ std::optional<QStringList> readIniValues(const QString &path, const QStringList 
         const QHash<QString, QString> &parsed =
             parsedValues(fd, {info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim}, path);
         for (const QString &key : keys)
-            values << parsed.value(key, QString::fromLatin1(missingKeyMarker));
+            values << parsed.value(key, QString::fromLatin1(marker::keyMissing));
     }
     ::close(fd);
     return values;

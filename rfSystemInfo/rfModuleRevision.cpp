@@ -4,6 +4,7 @@
 
 #include "deviceFile.h"
 #include "devicePaths.h"
+#include "markers.h"
 
 #include <QStringList>
 
@@ -19,7 +20,6 @@ const QString fieldSeparator = QStringLiteral("/");
 
 // What a module query answers when the file or value gives it nothing to read.
 constexpr int defaultRevision = 1;
-constexpr char defaultRevisionText[] = "1.0";
 
 // Field positions inside the RF_REVISION value.
 enum RfModule { Yro = 0, Mixer = 1, Dnc = 2 };
@@ -69,7 +69,7 @@ int moduleRevision(RfModule module)
 std::string moduleRevisionText(RfModule module)
 {
     const std::optional<QString> field = readModuleField(module);
-    return field ? field->toStdString() : defaultRevisionText;
+    return field ? field->toStdString() : rfsi::marker::notRecorded;
 }
 
 } // namespace
@@ -106,7 +106,7 @@ std::string rfSystemInfo::getDncModuleStringRevision()
 
 QString rfSystemInfo::checkRFModuleRevision()
 {
-    return readRfRevision().value_or(QString::fromLatin1(rfsi::noneMarker));
+    return readRfRevision().value_or(QString::fromLatin1(rfsi::marker::none));
 }
 
 QString rfSystemInfo::getRFModuleRevision()

@@ -4,6 +4,7 @@
 
 #include "deviceFile.h"
 #include "devicePaths.h"
+#include "markers.h"
 
 #include <algorithm>
 #include <iterator>
@@ -69,11 +70,11 @@ std::string cachedInventoryValue(int slot)
     return rfSystemInfo::InventoryInfoString[slot];
 }
 
-// A looked-up value as the inventory answers it: "NONE" for a missing file or an empty value.
+// A looked-up value as the inventory answers it: `NONE` for a missing file or an empty value.
 std::string inventoryAnswer(const std::optional<QString> &value)
 {
     if (!value || value->isEmpty())
-        return rfsi::noneMarker;
+        return rfsi::marker::none;
     return value->toStdString();
 }
 
@@ -89,7 +90,7 @@ std::string rfSystemInfo::getDpbRfSysInfoFromFile(int index, bool fromFile)
     if (!fromFile)
         return cachedInventoryValue(index);
     if (!inSlotRange(index, firstDpbSlot, lastDpbSlot))
-        return rfsi::noneMarker;
+        return rfsi::marker::none;
     return readInventoryValue(dpbKeyPrefix + inventoryKeys[index]);
 }
 
@@ -98,7 +99,7 @@ std::string rfSystemInfo::getTopRfSysInfoFromFile(int index, bool fromFile)
     if (!fromFile)
         return cachedInventoryValue(index);
     if (!inSlotRange(index, firstTopSlot, lastTopSlot))
-        return rfsi::noneMarker;
+        return rfsi::marker::none;
     return readInventoryValue(topKeyPrefix + inventoryKeys[index]);
 }
 

@@ -2,7 +2,7 @@
 //
 // Callers ask rfSystemInfo::param() for the process-wide instance and call its queries. Every query
 // answers by value; a missing or unreadable source never raises an error but yields a fixed marker
-// text or default instead ("NONE", "r", "1000", 1 and "1.0", the empty string, ...). The library
+// text or default instead (`NONE`, "r", "1000", 1 and "1.0", the empty string, ...). The library
 // only reads: it writes no file and keeps no file or process open after a call returns.
 //
 // Nothing here synchronises: getRFModuleRevision (RFHwRevision), loadDpbSysmtemInfo and
@@ -40,7 +40,7 @@ public:
 
     // fromFile false: a copy of inventory slot `index` (0..19), read from memory only; the empty
     // string for an index outside 0..19. fromFile true: reads "DPB_" + inventoryKeys[index] from the
-    // file now; "NONE" for an index outside 0..9, a missing file or an empty value, "r" when the file
+    // file now; `NONE` for an index outside 0..9, a missing file or an empty value, "r" when the file
     // lacks the key.
     std::string getDpbRfSysInfoFromFile(int index, bool fromFile);
     // As getDpbRfSysInfoFromFile, with the prefix "TOP_" and the file form accepting 10 and 11 only.
@@ -91,7 +91,7 @@ public:
     std::string getYroModuleStringRevision();
     std::string getMixerModuStringRevision();
     std::string getDncModuleStringRevision();
-    // The whole RF_REVISION value: "NONE" for a missing file or empty value, "r" without the key.
+    // The whole RF_REVISION value: `NONE` for a missing file or empty value, "r" without the key.
     // Changes nothing.
     QString checkRFModuleRevision();
     // checkRFModuleRevision(), also stored in RFHwRevision.
@@ -115,7 +115,7 @@ public:
 
     // ---- Calibration files under /bin ----
 
-    // Presence reports, one "OK" or "NONE" per file joined by "/":
+    // Presence reports, one "OK" or `NONE` per file joined by "/":
     // DNC_10_100M.csv/Low_10_100M.csv/High_10_100M.csv.
     QString checkFlatnessFile();
     // dncDac1.csv/dncDac2.csv.
@@ -124,7 +124,7 @@ public:
     QString checkYroDacFile();
     // nyro_spur_low.csv/nyro_spur_high.csv.
     QString checkYroSpurFile();
-    // The first line of `path` with white space simplified (may be empty); "NONE" when the file is
+    // The first line of `path` with white space simplified (may be empty); `NONE` when the file is
     // missing or does not open.
     QString checkSystemDate(QString path);
     // Dated statuses: "OK(<first line>)", "OK(NONE)" when unreadable, "NONE(NONE)" when missing.

@@ -5,6 +5,7 @@
 #include "VersionInfo.h"
 #include "deviceFile.h"
 #include "devicePaths.h"
+#include "markers.h"
 
 #include "toolRun.h"
 
@@ -24,7 +25,6 @@ using rfsi::paths::fallbackSerial;
 using rfsi::paths::identityTools;
 using rfsi::paths::productNameField;
 using rfsi::paths::productSerialField;
-constexpr char rfSerial[] = "RFSERIAL";
 constexpr char uiVersion[] = "5.010.005a";
 
 // Programs of the sicutil family take the field behind these options.
@@ -113,7 +113,7 @@ QString rfSystemInfo::getSystemSerial()
 
 QString rfSystemInfo::checkSystemRfSerial()
 {
-    return QString::fromLatin1(rfSerial);
+    return QString::fromLatin1(rfsi::marker::fixedRfSerial);
 }
 
 QString rfSystemInfo::checkSystemFirmwareVersion()

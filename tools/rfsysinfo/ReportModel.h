@@ -6,6 +6,7 @@
 #define RFSYSINFO_REPORTMODEL_H
 
 #include "DeviceState.h"
+#include "markers.h"
 
 #include <QDate>
 #include <QDateTime>
@@ -18,13 +19,7 @@
 class rfSystemInfo;
 
 // The library's marker texts, answered in place of data.
-namespace marker {
-inline constexpr char none[] = "NONE";       // file missing or value empty
-inline constexpr char keyMissing[] = "r";    // the settings file lacks the key
-inline constexpr char noVersion[] = "1000";  // the FPGA bank has no version
-inline constexpr char notRecorded[] = "1.0"; // an RF module's revision when the RF file has none
-inline constexpr char fixedRfSerial[] = "RFSERIAL";
-} // namespace marker
+namespace marker = rfsi::marker;
 
 struct Identity
 {
