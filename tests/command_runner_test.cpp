@@ -10,11 +10,9 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <memory>
 #include <thread>
 
 #include <fcntl.h>
@@ -134,7 +132,7 @@ protected:
     rfSystemInfo &info = *rfSystemInfo::param();
 };
 
-TEST_F(CommandRunnerTest, SicutilFamilyGetsItsOptionsAndArgumentsArePassedLiterally)
+TEST_F(CommandRunnerTest, SicutilFamilyGetsItsOptionsArgumentsArePassedLiterallyAndFallbacksAreTheCallers)
 {
     const std::pair<const char *, QString> cases[] = {
         {"/storage/opt/myicutil", "<-r><-sol><5><$(touch /tmp/injected) *>"},
@@ -147,6 +145,9 @@ TEST_F(CommandRunnerTest, SicutilFamilyGetsItsOptionsAndArgumentsArePassedLitera
     }
     EXPECT_EQ(info.executeCmd("/bin/echoargs", ""), "<>") << "an empty argument is an argument of its own";
     EXPECT_FALSE(fs::exists("/tmp/injected")) << "the argument went through a shell";
+    // Callers choose the fallback of the identity queries.
+    EXPECT_TRUE(info.getSystemModelSystemCmd("").isEmpty());
+    EXPECT_EQ(info.getSystemSerialSystemCmd("custom"), "custom");
 }
 
 TEST_F(CommandRunnerTest, EachRunWritesOneDebugLine)
@@ -249,14 +250,10 @@ TEST_F(CommandRunnerTest, OutputHasNoLimitButTheTimeOutAndStandardErrorIsNeverKe
     });
 }
 
-TEST_F(CommandRunnerTest, MissingProgramAnswersEmptyWithoutWaiting)
-{
-    EXPECT_LT(millisecondsOf([&] { EXPECT_EQ(info.executeCmd("/bin/no-such-tool", "x"), ""); }), 2000);
-}
-
 TEST_F(CommandRunnerTest, ToolsThatMisbehaveQuicklyLeaveNothingBehind)
 {
     const std::pair<const char *, const char *> cases[] = {
+        {"is missing", nullptr},
         {"starts a child that keeps its output open", "sleep 60 & echo $! > /tmp/child.pid; echo KV7"},
         {"starts a child of its own session", "setsid sleep 5 & echo KV7"},
         {"is killed by a signal", "echo KV7; kill -9 $$; echo never"},
@@ -264,8 +261,9 @@ TEST_F(CommandRunnerTest, ToolsThatMisbehaveQuicklyLeaveNothingBehind)
     for (const auto &[description, script] : cases) {
         SCOPED_TRACE(description);
         deviceroot::reset();
-        installTool("/bin/tool", script);
-        EXPECT_LT(millisecondsOf([&] { EXPECT_EQ(info.executeCmd("/bin/tool", "x"), "KV7"); }), 3000);
+        if (script)
+            installTool("/bin/tool", script);
+        EXPECT_LT(millisecondsOf([&] { EXPECT_EQ(info.executeCmd("/bin/tool", "x"), script ? "KV7" : ""); }), 3000);
         if (fs::exists("/tmp/child.pid")) {
             EXPECT_FALSE(running("/tmp/child.pid"));
         }
@@ -301,32 +299,4 @@ TEST_F(CommandRunnerTest, ToolsThatHangAreKilledAfterTheTimeOut)
     }
     EXPECT_FALSE(running("/tmp/first.pid"));
     EXPECT_FALSE(running("/tmp/silent.pid"));
-}
-
-TEST_F(CommandRunnerTest, AUserInterfaceThatAsksOnAWorkerNeverStallsWhileBothToolsHang)
-{
-    // The model hangs in both tools (16 s); the serial answers at once.
-    for (const char *tool : {"/bin/getSicutil", "/usr/bin/sicutil"})
-        installTool(tool, "[ \"$4\" = ProductName ] && exec sleep 60; echo KV7-0001");
-    // popen, not QProcess: the caller configurations under test may reap its child.
-    std::unique_ptr<FILE, int (*)(FILE *)> ui(::popen(RFSI_TEST_UI_CALLER, "r"), ::pclose);
-    ASSERT_TRUE(ui);
-    std::string output;
-    for (char buffer[256]; std::fgets(buffer, sizeof buffer, ui.get());)
-        output += buffer;
-    long long largestGapMs = -1;
-    const auto gapLine = output.rfind("Largest gap between 20 ms ticks: ");
-    ASSERT_NE(gapLine, std::string::npos) << output;
-    std::sscanf(output.c_str() + gapLine, "Largest gap between 20 ms ticks: %lld ms", &largestGapMs);
-    EXPECT_EQ(output.substr(0, gapLine), "Model    KV720\nSerial   KV7-0001\n");
-    EXPECT_GE(largestGapMs, 0);
-    // A loop that waited on a tool would stand still for the tool's 8000 ms bound; a loaded machine
-    // (the suite runs beside emulators) delays a tick by a few hundred at most.
-    EXPECT_LT(largestGapMs, 1000) << "milliseconds the event loop stood still";
-}
-
-TEST_F(CommandRunnerTest, CallersChooseTheFallbackOfTheIdentityQueries)
-{
-    EXPECT_TRUE(info.getSystemModelSystemCmd("").isEmpty());
-    EXPECT_EQ(info.getSystemSerialSystemCmd("custom"), "custom");
 }

@@ -108,6 +108,17 @@ void listReleaseAndDiff(const fs::path &caseFolder, const QStringList &source, Q
     }
 }
 
+// The text report, where the case gives it whole: below its header, which names the source.
+void listTextDifferences(const fs::path &caseFolder, const QStringList &source, QStringList &differences)
+{
+    QFile file(QString::fromStdString((caseFolder / "expected.txt").string()));
+    if (!file.open(QIODevice::ReadOnly))
+        return;
+    const QString report = rfsysinfo(source).out;
+    if (report.mid(report.indexOf("\n\n") + 2) != QString::fromUtf8(file.readAll()))
+        differences << "expected.txt differs; the report was:\n" + report;
+}
+
 // The case's tree, copied where the tool can read it (links as links), with the FIFOs, folders and
 // sockets that its "nodes" file lists: git keeps none of them.
 QString preparedTree(const fs::path &caseFolder)
@@ -171,6 +182,7 @@ TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACap
                 EXPECT_EQ(check.status, expectedCheck.value("verdict") == "pass" ? 0 : 1);
             }
             listReleaseAndDiff(folder.path(), source, differences);
+            listTextDifferences(folder.path(), source, differences);
             EXPECT_TRUE(differences.isEmpty()) << source.join(' ').toStdString() << ":\n"
                                                << differences.join('\n').toStdString();
         }
