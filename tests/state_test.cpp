@@ -42,48 +42,30 @@ protected:
     rfSystemInfo &info = *rfSystemInfo::param();
 };
 
-TEST(ObjectTest, FirstConstructionLoadsTheInventoryOncePerProcess)
+TEST(ObjectTest, FirstConstructionLoadsTheInventoryOncePerProcessAndOnlyThen)
 {
-    inFreshProcess([] {
-        EXPECT_FALSE(rfSystemInfo::updatedSystemInfo);
-        EXPECT_EQ(rfSystemInfo::RFHwRevision, "");
-        for (const std::string &slot : rfSystemInfo::InventoryInfoString)
-            EXPECT_EQ(slot, "");
-        writeDeviceFile(inventoryPath, "DPB_Revision=C\nTOP_ProductName=KV721\n");
-        writeDeviceFile(rfRevisionPath, "RF_REVISION=2.1/1.0/3.0\n");
-        rfSystemInfo *instance = rfSystemInfo::param();
-        EXPECT_EQ(rfSystemInfo::param(), instance);
-        EXPECT_TRUE(rfSystemInfo::updatedSystemInfo);
-        EXPECT_EQ(rfSystemInfo::RFHwRevision, "2.1/1.0/3.0");
-        writeDeviceFile(inventoryPath, "DPB_Revision=D\nTOP_ProductName=other\n");
-        {
-            rfSystemInfo second;
-            EXPECT_EQ(second.getDPBModuleRevision(), "C") << "a second object must not reload";
-        }
-        EXPECT_EQ(rfSystemInfo().getSystemDpbSerial(), "KV721") << "destroying an object keeps the table";
-    });
-}
-
-TEST(ObjectTest, InventoryMissingAtFirstConstructionStaysNone)
-{
-    inFreshProcess([] {
-        rfSystemInfo first;
-        writeDeviceFile(inventoryPath, "DPB_Revision=C\nTOP_ProductName=KV721\n");
-        EXPECT_EQ(rfSystemInfo::param()->getSystemDpbSerial(), "NONE");
-        EXPECT_EQ(rfSystemInfo::RFHwRevision, "NONE");
-    });
-}
-
-TEST_F(StateTest, InventoryLookupsAnswerNoneOutsideEachBoardsIndexRange)
-{
-    writeDeviceFile(inventoryPath, inventory);
-    EXPECT_EQ(info.getDpbRfSysInfoFromFile(9, true), "s9");
-    EXPECT_EQ(info.getTopRfSysInfoFromFile(11, true), "s11");
-    for (int index : {-1, 10, 11, 12, INT_MIN, INT_MAX})
-        EXPECT_EQ(info.getDpbRfSysInfoFromFile(index, true), "NONE") << index;
-    // TOP_Revision is in the file, but the TOP lookup reads only its own two keys.
-    for (int index : {-1, 0, 2, 9, 12, INT_MIN, INT_MAX})
-        EXPECT_EQ(info.getTopRfSysInfoFromFile(index, true), "NONE") << index;
+    for (const bool presentAtFirst : {true, false})
+        inFreshProcess([presentAtFirst] {
+            EXPECT_FALSE(rfSystemInfo::updatedSystemInfo);
+            EXPECT_EQ(rfSystemInfo::RFHwRevision, "");
+            for (const std::string &slot : rfSystemInfo::InventoryInfoString)
+                EXPECT_EQ(slot, "");
+            if (presentAtFirst) {
+                writeDeviceFile(inventoryPath, "DPB_Revision=C\nTOP_ProductName=KV721\n");
+                writeDeviceFile(rfRevisionPath, "RF_REVISION=2.1/1.0/3.0\n");
+            }
+            rfSystemInfo *instance = rfSystemInfo::param();
+            EXPECT_EQ(rfSystemInfo::param(), instance);
+            EXPECT_TRUE(rfSystemInfo::updatedSystemInfo);
+            EXPECT_EQ(rfSystemInfo::RFHwRevision, presentAtFirst ? "2.1/1.0/3.0" : "NONE");
+            writeDeviceFile(inventoryPath, "DPB_Revision=D\nTOP_ProductName=other\n");
+            {
+                rfSystemInfo second;
+                EXPECT_EQ(second.getDPBModuleRevision(), presentAtFirst ? "C" : "NONE") << "a second object reloaded";
+            }
+            EXPECT_EQ(rfSystemInfo().getSystemDpbSerial(), presentAtFirst ? "KV721" : "NONE")
+                << "destroying an object keeps the table";
+        });
 }
 
 TEST_F(StateTest, InventoryTableIsLoadedOnlyWhenTheFlagIsClearAndServedWithoutTheFile)
@@ -175,25 +157,26 @@ TEST_F(StateTest, BoardDescriptionOutlivesItsFileButNotABadReplacement)
     EXPECT_EQ(own.getFpgaVersionrfSystemInfo("FPGA_BANK_0_VER"), "2.8.1");
 }
 
-TEST_F(StateTest, DspIndicesOutsideZeroToFifteenStandForDspZero)
+// Indices outside each lookup's range. Our decision where the acceptance test leaves it open: a DSP
+// index equal to the active count is rejected like the ones above it; CPRI indices are accepted by
+// the name file's count alone, and the CPRI entry list holds ten.
+TEST_F(StateTest, IndicesOutsideEachLookupsRangeAnswerTheirMarkerOrStandForZero)
 {
-    writeDeviceFile(boardPath, R"({"FPGA_VER":{"FPGA_BANK_0_VER":"v0"}})");
-    writeDeviceFile(dspNames, "2\nA\nB\n");
+    writeDeviceFile(inventoryPath, inventory);
+    EXPECT_EQ(info.getDpbRfSysInfoFromFile(9, true), "s9");
+    EXPECT_EQ(info.getTopRfSysInfoFromFile(11, true), "s11");
+    for (int index : {-1, 10, 11, 12, INT_MIN, INT_MAX})
+        EXPECT_EQ(info.getDpbRfSysInfoFromFile(index, true), "NONE") << index;
+    // TOP_Revision is in the file, but the TOP lookup reads only its own two keys.
+    for (int index : {-1, 0, 2, 9, 12, INT_MIN, INT_MAX})
+        EXPECT_EQ(info.getTopRfSysInfoFromFile(index, true), "NONE") << index;
+
+    writeDeviceFile(boardPath, R"({"FPGA_VER":{"FPGA_BANK_0_VER":"v0","FPGA_BANK_1_VER":"v1","FPGA_BANK_2_VER":"v2"}})");
+    writeDeviceFile(dspNames, "2\nA\nB\nC\n");
     for (int dsp : {-1, 16, INT_MIN, INT_MAX}) {
         EXPECT_EQ(info.checkDspString(dsp), "A") << dsp;
         EXPECT_EQ(info.checkDspVersion(dsp), "v0") << dsp;
     }
-    writeDeviceFile("/DspCpri/name.txt", "40\nA\n");
-    for (int index : {10, 11, 16, -1, INT_MIN}) // accepted by the count, but the CPRI entry list holds ten
-        EXPECT_EQ(info.checkCpriDspString(index), "") << index;
-}
-
-// Our decision where the acceptance test leaves it open: an index equal to the active count is
-// rejected like the ones above it. CPRI indices are accepted by the name file's count alone.
-TEST_F(StateTest, AnIndexEqualToTheActiveCountOrAboveItIsRejected)
-{
-    writeDeviceFile(boardPath, R"({"FPGA_VER":{"FPGA_BANK_1_VER":"v1","FPGA_BANK_2_VER":"v2"}})");
-    writeDeviceFile(dspNames, "2\nA\nB\nC\n");
     writeDeviceFile("/DspCpri/name.txt", "1\nX\nY\n");
     writeDeviceFile("/DspCpri/version.txt", "3\nV0\nV1\nV2\n");
     const std::pair<QString, QString> answers[] = {
@@ -203,6 +186,9 @@ TEST_F(StateTest, AnIndexEqualToTheActiveCountOrAboveItIsRejected)
     };
     for (size_t i = 0; i < std::size(answers); ++i)
         EXPECT_EQ(answers[i].first, answers[i].second) << "answer " << i;
+    writeDeviceFile("/DspCpri/name.txt", "40\nA\n");
+    for (int index : {10, 11, 16, -1, INT_MIN})
+        EXPECT_EQ(info.checkCpriDspString(index), "") << index;
 }
 
 TEST_F(StateTest, DspNamesStayWhereNoLaterListReplacesThem)
