@@ -7,6 +7,7 @@
 #include <QCryptographicHash>
 #include <QDateTime>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QRegularExpression>
 
@@ -394,4 +395,33 @@ TEST_F(RfsysinfoTest, ADeviceAndItsSavedReportHaveNoDifferencesSanitizedOrNot)
     const ToolRun sanitized = rfsysinfo(QStringList{"--diff", saved, "--sanitize"} + sampleWithTools);
     EXPECT_EQ(sanitized.status, 0) << sanitized.out.toStdString() << sanitized.err.toStdString();
     EXPECT_EQ(sanitized.out, "no differences between report <withheld> and device tree <withheld>\n");
+}
+
+// The README's report tool commands, in order, on the instrument (here the sample device), each as
+// shown: the third shell block of the README on.
+TEST_F(RfsysinfoTest, TheReadmesCommandsWorkAsShown)
+{
+    installSampleDevice();
+    QFile readme(QStringLiteral(RFSI_TEST_SOURCE_DIR "/README.md"));
+    ASSERT_TRUE(readme.open(QIODevice::ReadOnly));
+    QStringList commands;
+    int shellBlocks = 0;
+    bool inBlock = false;
+    for (const QString &line : QString::fromUtf8(readme.readAll()).split('\n')) {
+        if (line.startsWith("```"))
+            shellBlocks += inBlock = line == "```sh";
+        else if (inBlock && shellBlocks >= 3)
+            commands << line.left(line.indexOf(" #")).trimmed();
+    }
+    ASSERT_GE(commands.size(), 10);
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("PATH", QFileInfo(RFSI_TEST_RFSYSINFO).path() + ":" + environment.value("PATH"));
+    for (const QString &command : commands) {
+        QProcess shell;
+        shell.setProcessEnvironment(environment);
+        shell.setWorkingDirectory("/storage");
+        shell.start("sh", {"-c", command});
+        shell.waitForFinished(30000);
+        EXPECT_EQ(shell.exitCode(), 0) << command.toStdString() << "\n" << shell.readAllStandardError().toStdString();
+    }
 }

@@ -190,14 +190,16 @@ TEST_F(RobustnessTest, HostileContentAndNodesThatAreNoFilesAreReadWithinBounds)
         "\xff\xfe\xc3(\xed\xa0\x80\n\x80\x81\n",      // invalid UTF-8
         std::string(8 << 20, 'x') + "\n",             // one line of 8 MiB
         std::string("2\0\0\nA\0B\n", 8) + "\r\n\r\n", // NUL bytes and CRLF
-        "fifo", "folder",
+        "fifo",
+        "folder",
     };
     std::vector<std::string> paths(std::begin(rfsi::paths::deviceFiles), std::end(rfsi::paths::deviceFiles));
     for (int sensor : rfsi::paths::temperatureSensors)
         paths.push_back(rfsi::paths::thermalZonePath(sensor));
     paths.push_back("/bin/getSicutil");
     for (const std::string &content : contents) {
-        SCOPED_TRACE(content.size() < 8 ? "a " + content + " at every path" : std::to_string(content.size()) + " bytes");
+        SCOPED_TRACE(content.size() < 8 ? "a " + content + " at every path"
+                                        : std::to_string(content.size()) + " bytes");
         deviceroot::reset();
         for (const std::string &path : paths) {
             fs::create_directories(fs::path(path).parent_path());

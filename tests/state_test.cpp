@@ -171,7 +171,8 @@ TEST_F(StateTest, IndicesOutsideEachLookupsRangeAnswerTheirMarkerOrStandForZero)
     for (int index : {-1, 0, 2, 9, 12, INT_MIN, INT_MAX})
         EXPECT_EQ(info.getTopRfSysInfoFromFile(index, true), "NONE") << index;
 
-    writeDeviceFile(boardPath, R"({"FPGA_VER":{"FPGA_BANK_0_VER":"v0","FPGA_BANK_1_VER":"v1","FPGA_BANK_2_VER":"v2"}})");
+    writeDeviceFile(boardPath,
+                    R"({"FPGA_VER":{"FPGA_BANK_0_VER":"v0","FPGA_BANK_1_VER":"v1","FPGA_BANK_2_VER":"v2"}})");
     writeDeviceFile(dspNames, "2\nA\nB\nC\n");
     for (int dsp : {-1, 16, INT_MIN, INT_MAX}) {
         EXPECT_EQ(info.checkDspString(dsp), "A") << dsp;

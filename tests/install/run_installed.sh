@@ -22,10 +22,13 @@ fi
 mkdir -p "$work"
 cmake -S "$source_dir/tests/install" -B "$work/cmake-caller" -G Ninja "$@" >/dev/null
 cmake --build "$work/cmake-caller" >/dev/null
-# A caller of a prefix outside the system's folders names the library's folder in its run path.
+# The README's line; a caller of a prefix outside the system's folders names the library's folder in
+# its run path.
+mkdir -p "$work/pkgconfig-caller"
+cp "$source_dir/tests/install/caller.cpp" "$work/pkgconfig-caller/"
 # shellcheck disable=SC2046
-c++ -std=c++17 -fPIC "$source_dir/tests/install/caller.cpp" -o "$work/pkgconfig-caller" \
-    $(pkg-config --cflags --libs rfSystemInfo) ${prefix:+-Wl,-rpath,"$(pkg-config --variable=libdir rfSystemInfo)"}
+(cd "$work/pkgconfig-caller" && c++ -std=c++17 -fPIC caller.cpp -o caller $(pkg-config --cflags --libs rfSystemInfo) \
+    ${prefix:+-Wl,-rpath,"$(pkg-config --variable=libdir rfSystemInfo)"})
 
 in_device_root() {
     "$build_dir/deviceroot/rfsi-device-root" --tree "$source_dir/examples/device" --show "$work" ${prefix:+--show "$prefix"} \
@@ -41,7 +44,7 @@ check() {
     fi
 }
 check "$tool --version" "$(in_device_root "$tool" --version)" "rfsysinfo $version"
-for caller in "$work/cmake-caller/caller" "$work/pkgconfig-caller"; do
+for caller in "$work/cmake-caller/caller" "$work/pkgconfig-caller/caller"; do
     check "$caller" "$(in_device_root "$caller")" "$expected"
 done
 exit $status
