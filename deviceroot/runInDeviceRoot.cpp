@@ -3,8 +3,8 @@
 //   rfsi-device-root [--tree DIR|CAPTURE] [--show DIR]... [--show-writable DIR]... -- PROGRAM [ARGUMENT]...
 // The program runs without any capability: whatever a copied tree holds cannot undo the root's
 // read-only mounts or reach the host's devices.
-#include "CaptureArchive.h"
 #include "DeviceRoot.h"
+#include "read/CaptureArchive.h"
 
 #include <QFile>
 

@@ -1,16 +1,18 @@
 // rfsysinfo: reports everything librfSystemInfo answers, as text or JSON, on this instrument, on a
 // copied device tree or on a capture; and captures a device's state into one archive.
-#include "CaptureArchive.h"
 #include "DeviceRoot.h"
-#include "DeviceState.h"
-#include "MetricsOutput.h"
-#include "OutputFile.h"
-#include "ReleaseProfile.h"
-#include "ReportCheck.h"
-#include "ReportDiff.h"
-#include "ReportModel.h"
-#include "ReportOutput.h"
 #include "devicePaths.h"
+#include "judge/ReleaseProfile.h"
+#include "judge/ReportCheck.h"
+#include "judge/ReportDiff.h"
+#include "model/ReportModel.h"
+#include "read/CaptureArchive.h"
+#include "read/DeviceState.h"
+#include "write/CheckOutput.h"
+#include "write/DiffOutput.h"
+#include "write/MetricsOutput.h"
+#include "write/OutputFile.h"
+#include "write/ReportOutput.h"
 
 #include <rfSystem_Info.h>
 

@@ -1,4 +1,4 @@
-#include "MetricsOutput.h"
+#include "write/MetricsOutput.h"
 
 #include <QDateTime>
 #include <QLocale>
@@ -59,7 +59,7 @@ private:
     QString current;
 };
 
-void identityAndInventory(const Report &report, Families &out)
+void identityAndInventoryMetrics(const Report &report, Families &out)
 {
     const Identity &identity = report.identity;
     out.family("identity_info", "The product's identity as the library answers it; the value is always 1.");
@@ -78,7 +78,7 @@ void identityAndInventory(const Report &report, Families &out)
     out.sample(1, inventory);
 }
 
-void rfAndFpga(const Report &report, Families &out)
+void rfAndFpgaMetrics(const Report &report, Families &out)
 {
     out.family("rf_revision_info", "The RF revision summary and each module's revision text; the value is always 1.");
     Labels texts{{"summary", report.rf.summary}};
@@ -95,7 +95,7 @@ void rfAndFpga(const Report &report, Families &out)
         out.sample(1, {{"bank", QString::number(bank)}, {"version", report.fpga.banks[bank].version}});
 }
 
-void images(const Report &report, Families &out)
+void imagesMetrics(const Report &report, Families &out)
 {
     for (const bool cpri : {false, true}) {
         const DspImages &images = cpri ? report.cpri : report.dsp;
@@ -110,7 +110,7 @@ void images(const Report &report, Families &out)
     }
 }
 
-void temperatures(const Report &report, const CheckOptions &options, Families &out)
+void temperaturesMetrics(const Report &report, const CheckOptions &options, Families &out)
 {
     if (const std::optional<TemperatureLimit> limit = temperatureLimit(report, options)) {
         out.family("critical_temperature_celsius",
@@ -123,7 +123,7 @@ void temperatures(const Report &report, const CheckOptions &options, Families &o
             out.sample(*reading.celsius, {{"sensor", reading.sensor}});
 }
 
-void calibration(const Report &report, Families &out)
+void calibrationMetrics(const Report &report, Families &out)
 {
     out.family("calibration_file_present", "Whether each calibration file is present (1) or missing (0).");
     for (const CalibrationEntry &entry : report.calibration)
@@ -139,7 +139,7 @@ void calibration(const Report &report, Families &out)
 }
 
 // Whether the unit carries its release, and in how many keys it does not.
-void release(const QVector<Finding> &findings, const CheckOptions &options, Families &out)
+void releaseMetrics(const QVector<Finding> &findings, const CheckOptions &options, Families &out)
 {
     if (!options.release)
         return;
@@ -150,7 +150,7 @@ void release(const QVector<Finding> &findings, const CheckOptions &options, Fami
     out.sample(mismatches, {{"profile", options.release->name}});
 }
 
-void check(const QVector<Finding> &findings, bool strict, Families &out)
+void checkMetrics(const QVector<Finding> &findings, bool strict, Families &out)
 {
     out.family("check_finding", "The check's findings by id and severity: how many there are of each.");
     QStringList ids;
@@ -174,13 +174,13 @@ void check(const QVector<Finding> &findings, bool strict, Families &out)
 QByteArray metricsReport(const Report &report, const QVector<Finding> &findings, const CheckOptions &options)
 {
     Families out;
-    identityAndInventory(report, out);
-    rfAndFpga(report, out);
-    images(report, out);
-    temperatures(report, options, out);
-    calibration(report, out);
-    check(findings, options.strict, out);
-    release(findings, options, out);
+    identityAndInventoryMetrics(report, out);
+    rfAndFpgaMetrics(report, out);
+    imagesMetrics(report, out);
+    temperaturesMetrics(report, options, out);
+    calibrationMetrics(report, out);
+    checkMetrics(findings, options.strict, out);
+    releaseMetrics(findings, options, out);
     out.family("report_timestamp_seconds", "When this report was collected, as Unix time.");
     out.sample(static_cast<double>(report.collected.toSecsSinceEpoch()));
     return out.text.toUtf8();

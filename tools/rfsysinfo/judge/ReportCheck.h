@@ -1,11 +1,11 @@
 // The check: fixed findings over a collected report, each with a stable id, a severity, a message that
-// names the data and the same data as fields; and a verdict. Rendered as text lines or as a JSON
-// object, and counted by the metrics.
+// names the data and the same data as fields; and a verdict. Rendered by write/CheckOutput and
+// counted by the metrics.
 #ifndef RFSYSINFO_REPORTCHECK_H
 #define RFSYSINFO_REPORTCHECK_H
 
-#include "ReleaseProfile.h"
-#include "ReportModel.h"
+#include "judge/ReleaseProfile.h"
+#include "model/ReportModel.h"
 
 #include <QDate>
 #include <QJsonObject>
@@ -46,7 +46,7 @@ bool checkPasses(const QVector<Finding> &findings, bool strict);
 // The number of findings with this id.
 int countOf(const QVector<Finding> &findings, const QString &id);
 
-QByteArray checkText(const Report &report, const QVector<Finding> &findings, const CheckOptions &options);
-QByteArray checkJson(const Report &report, const QVector<Finding> &findings, const CheckOptions &options);
+// The number of errors (`error`) or of warnings.
+int countOf(const QVector<Finding> &findings, bool error);
 
 #endif // RFSYSINFO_REPORTCHECK_H

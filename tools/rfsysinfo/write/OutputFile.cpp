@@ -1,4 +1,4 @@
-#include "OutputFile.h"
+#include "write/OutputFile.h"
 
 #include <QFile>
 #include <QFileInfo>

@@ -30,7 +30,4 @@ struct ReleaseMismatch
 // Where the report's sections (as the JSON report holds them) differ from the profile.
 QVector<ReleaseMismatch> releaseMismatches(const ReleaseProfile &profile, const QJsonObject &sections);
 
-// A value as a message shows it: texts bare, a list as "a or b", an absent one as "(absent)".
-QString shownValue(const QJsonValue &value);
-
 #endif // RFSYSINFO_RELEASEPROFILE_H

@@ -4,6 +4,8 @@
 #ifndef RFSYSINFO_DEVICESTATE_H
 #define RFSYSINFO_DEVICESTATE_H
 
+#include "model/ReportModel.h"
+
 #include <QByteArray>
 #include <QDateTime>
 #include <QString>
@@ -36,23 +38,6 @@ struct IdentityAnswer
     QString program;
     QString argument;
     QString output; // as the command runner returned it
-};
-
-// What the report shows that comes from the instrument's software rather than its files: a replay
-// must show the instrument's, not those of the machine it runs on.
-struct InstrumentSoftware
-{
-    QString firmwareVersion, uiVersion, rfSerial;
-};
-
-// Where and when a capture was made.
-struct CaptureOrigin
-{
-    QString toolVersion; // of the rfsysinfo (and library) that made it
-    QDateTime captured;
-    QString sourceTree; // empty: captured on the instrument itself
-    bool sanitized = false;
-    std::optional<InstrumentSoftware> software; // captures of format 1 have none
 };
 
 struct DeviceState

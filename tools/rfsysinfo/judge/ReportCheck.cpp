@@ -1,7 +1,7 @@
-#include "ReportCheck.h"
+#include "judge/ReportCheck.h"
 
-#include "ReportOutput.h"
 #include "devicePaths.h"
+#include "model/ReportJson.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -209,17 +209,6 @@ void checkRelease(const Report &report, const CheckOptions &options, Findings &f
     }
 }
 
-int countOf(const QVector<Finding> &findings, bool error)
-{
-    return static_cast<int>(std::count_if(findings.begin(), findings.end(),
-                                          [error](const Finding &finding) { return finding.error == error; }));
-}
-
-QString plural(int count, const char *word)
-{
-    return QStringLiteral("%1 %2%3").arg(count).arg(QLatin1String(word)).arg(count == 1 ? "" : "s");
-}
-
 } // namespace
 
 std::optional<TemperatureLimit> temperatureLimit(const Report &report, const CheckOptions &options)
@@ -247,6 +236,12 @@ QVector<Finding> checkReport(const Report &report, const CheckOptions &options)
     return findings.list;
 }
 
+int countOf(const QVector<Finding> &findings, bool error)
+{
+    return static_cast<int>(std::count_if(findings.begin(), findings.end(),
+                                          [error](const Finding &finding) { return finding.error == error; }));
+}
+
 bool checkPasses(const QVector<Finding> &findings, bool strict)
 {
     return countOf(findings, true) == 0 && (!strict || findings.isEmpty());
@@ -256,42 +251,4 @@ int countOf(const QVector<Finding> &findings, const QString &id)
 {
     return static_cast<int>(
         std::count_if(findings.begin(), findings.end(), [&id](const Finding &finding) { return finding.id == id; }));
-}
-
-QByteArray checkText(const Report &report, const QVector<Finding> &findings, const CheckOptions &options)
-{
-    const bool strict = options.strict;
-    QString text;
-    for (const Finding &finding : findings)
-        text += QStringLiteral("%1 %2 %3\n")
-                    .arg(QString::fromLatin1(finding.error ? "error" : "warning").leftJustified(7),
-                         finding.id.leftJustified(25), finding.message);
-    text += QStringLiteral("rfsysinfo %1 check of %2 (%3 %4)%5: %6, %7 and %8%9\n")
-                .arg(report.source.toolVersion, sourceDescription(report.source), report.identity.model,
-                     report.identity.serialNumber,
-                     options.release ? QStringLiteral(" against release %1").arg(options.release->name) : QString(),
-                     QLatin1String(checkPasses(findings, strict) ? "PASS" : "FAIL"),
-                     plural(countOf(findings, true), "error"), plural(countOf(findings, false), "warning"),
-                     QLatin1String(strict ? " (strict: warnings fail)" : ""));
-    return text.toUtf8();
-}
-
-QByteArray checkJson(const Report &report, const QVector<Finding> &findings, const CheckOptions &options)
-{
-    const bool strict = options.strict;
-    QJsonArray list;
-    for (const Finding &finding : findings)
-        list.append(QJsonObject{{"id", finding.id},
-                                {"severity", finding.error ? "error" : "warning"},
-                                {"message", finding.message},
-                                {"data", finding.data}});
-    QJsonObject document = jsonHeader(report);
-    document.insert("identity",
-                    QJsonObject{{"model", report.identity.model}, {"serialNumber", report.identity.serialNumber}});
-    document.insert("checked", report.collected.toUTC().toString(Qt::ISODate));
-    document.insert("check", QJsonObject{{"verdict", checkPasses(findings, strict) ? "pass" : "fail"},
-                                         {"strict", strict},
-                                         {"profile", options.release ? options.release->name : QJsonValue()},
-                                         {"findings", list}});
-    return QJsonDocument(document).toJson(QJsonDocument::Indented);
 }

@@ -4,7 +4,7 @@
 #ifndef RFSYSINFO_METRICSOUTPUT_H
 #define RFSYSINFO_METRICSOUTPUT_H
 
-#include "ReportCheck.h"
+#include "judge/ReportCheck.h"
 
 #include <QByteArray>
 

@@ -1,6 +1,7 @@
-#include "ReportOutput.h"
+#include "write/ReportOutput.h"
 
 #include "devicePaths.h"
+#include "model/ReportJson.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -191,53 +192,6 @@ QString headerText(const ReportSource &source)
     return text;
 }
 
-QJsonArray imagesJson(const DspImages &images)
-{
-    QJsonArray array;
-    for (const DspImage &image : images.images)
-        array.append(QJsonObject{{"index", image.index}, {"name", image.name}, {"version", image.version}});
-    return array;
-}
-
-QJsonObject sectionJson(const Report &report, const QString &name)
-{
-    if (name == "identity") {
-        const Identity &identity = report.identity;
-        return {{"model", identity.model},
-                {"serialNumber", identity.serialNumber},
-                {"firmwareVersion", identity.firmwareVersion},
-                {"uiVersion", identity.uiVersion},
-                {"rfSerial", identity.rfSerial},
-                {"identityToolsRun", identity.toolsRun}};
-    }
-    QJsonObject json;
-    if (name == "inventory") {
-        for (const InventoryValue &value : report.inventory)
-            json.insert(value.key, value.text);
-    } else if (name == "rf") {
-        json.insert("summary", report.rf.summary);
-        for (const RfModule &module : report.rf.modules)
-            json.insert(module.key, QJsonObject{{"revision", module.revision}, {"text", module.text}});
-    } else if (name == "fpga") {
-        QJsonObject banks;
-        for (const FpgaBank &bank : report.fpga.banks)
-            banks.insert(bank.key, bank.version);
-        json = {{"boardDescriptionLoaded", report.fpga.boardDescriptionLoaded}, {"banks", banks}};
-    } else if (name == "dsp" || name == "cpri") {
-        const DspImages &images = name == "dsp" ? report.dsp : report.cpri;
-        json = {{"activeCount", images.activeCount}, {"images", imagesJson(images)}};
-    } else if (name == "temperature") {
-        QJsonObject readings;
-        for (const TemperatureReading &reading : report.temperature.readings)
-            readings.insert(reading.sensor, reading.text);
-        json = {{"report", report.temperature.report}, {"readings", readings}};
-    } else if (name == "calibration") {
-        for (const CalibrationEntry &entry : report.calibration)
-            json.insert(entry.key, entry.answer);
-    }
-    return json;
-}
-
 } // namespace
 
 QString sourceDescription(const ReportSource &source)
@@ -263,39 +217,6 @@ QByteArray textReport(const Report &report)
                     indentedText(line.text, labelIndent + labelWidth) + QLatin1Char('\n');
     }
     return text.toUtf8();
-}
-
-QJsonObject jsonHeader(const Report &report)
-{
-    const ReportSource &source = report.source;
-    QJsonObject header{
-        {"tool", "rfsysinfo"},
-        {"version", source.toolVersion},
-        {"deviceTree", source.deviceTree.isEmpty() ? QJsonValue() : QJsonValue(source.deviceTree)},
-        {"sanitized", source.sanitized},
-    };
-    if (const std::optional<CaptureOrigin> &origin = source.origin)
-        header.insert("capture",
-                      QJsonObject{{"captured", origin->captured.toUTC().toString(Qt::ISODate)},
-                                  {"source", origin->sourceTree.isEmpty() ? "instrument" : "tree"},
-                                  {"sourceTree", origin->sourceTree.isEmpty() ? QJsonValue() : origin->sourceTree},
-                                  {"toolVersion", origin->toolVersion},
-                                  {"softwareRecorded", origin->software.has_value()},
-                                  {"truncated", QJsonArray::fromStringList(source.truncatedFiles)}});
-    return header;
-}
-
-QJsonObject reportSections(const Report &report)
-{
-    QJsonObject sections;
-    for (const QString &name : report.sections)
-        sections.insert(name, sectionJson(report, name));
-    return sections;
-}
-
-QStringList jsonHeaderKeys()
-{
-    return {"tool", "version", "deviceTree", "sanitized", "capture"};
 }
 
 QByteArray jsonReport(const Report &report)

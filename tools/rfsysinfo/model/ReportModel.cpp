@@ -1,4 +1,4 @@
-#include "ReportModel.h"
+#include "model/ReportModel.h"
 
 #include "devicePaths.h"
 

@@ -1,8 +1,8 @@
-#include "ReleaseProfile.h"
+#include "judge/ReleaseProfile.h"
 
-#include "JsonInput.h"
-#include "ReportModel.h"
-#include "ReportOutput.h"
+#include "model/ReportJson.h"
+#include "model/ReportModel.h"
+#include "read/ReportInput.h"
 
 #include <QFileInfo>
 #include <QJsonArray>
@@ -70,19 +70,4 @@ QVector<ReleaseMismatch> releaseMismatches(const ReleaseProfile &profile, const 
         if (profile.expected.contains(section))
             compare(section, {}, profile.expected.value(section), sections.value(section), mismatches);
     return mismatches;
-}
-
-QString shownValue(const QJsonValue &value)
-{
-    if (value.isUndefined())
-        return QStringLiteral("(absent)");
-    if (value.isString())
-        return value.toString();
-    if (value.isArray()) {
-        QStringList values;
-        for (const QJsonValue &element : value.toArray())
-            values << shownValue(element);
-        return values.join(QStringLiteral(" or "));
-    }
-    return QString::fromUtf8(QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact)).mid(1).chopped(1);
 }

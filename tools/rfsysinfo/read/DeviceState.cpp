@@ -1,4 +1,4 @@
-#include "DeviceState.h"
+#include "read/DeviceState.h"
 
 #include "devicePaths.h"
 

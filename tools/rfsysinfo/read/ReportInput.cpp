@@ -1,12 +1,14 @@
-#include "JsonInput.h"
+#include "read/ReportInput.h"
 
-#include "DeviceState.h"
-#include "ReportModel.h"
-#include "ReportOutput.h"
+#include "model/ReportJson.h"
+#include "read/DeviceState.h"
 
+#include <QCoreApplication>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QProcess>
+#include <QRegularExpression>
 #include <QSet>
 #include <QVector>
 
@@ -18,6 +20,8 @@
 #include <unistd.h>
 
 namespace {
+
+constexpr int reportTimeoutMs = 120000; // both identity tools may hang for their 16 s
 
 // The regular file at `path`, when it holds at most jsonInputCap bytes.
 std::optional<QByteArray> boundedRead(const QString &path, QString &refusal)
@@ -87,7 +91,7 @@ public:
         if (shape.isObject())
             return object(value, shape.toObject(), place);
         if (shape.isArray())
-            return images(value, place);
+            return imageList(value, place);
         if (value.type() == shape.type())
             return true;
         if (use == JsonInputUse::Profile && value.isArray() && !value.toArray().isEmpty()) {
@@ -120,7 +124,7 @@ public:
     }
 
     // DSP and CPRI DSP images: objects with their index and any of name and version.
-    bool images(const QJsonValue &value, const QString &place)
+    bool imageList(const QJsonValue &value, const QString &place)
     {
         if (!value.isArray())
             return refuse(place, QStringLiteral("must be a list of images"));
@@ -156,6 +160,29 @@ public:
 private:
     JsonInputUse use;
 };
+
+QJsonObject withoutHeader(QJsonObject document, QString &captured)
+{
+    captured = document.value("capture").toObject().value("captured").toString();
+    for (const QString &key : jsonHeaderKeys())
+        document.remove(key);
+    return document;
+}
+
+// This program again, for the JSON report of a capture, a tree or this instrument.
+std::optional<QJsonObject> reportOf(const QStringList &arguments, QString &error)
+{
+    QProcess self;
+    self.start(QCoreApplication::applicationFilePath(), QStringList{"--json"} + arguments);
+    if (!self.waitForFinished(reportTimeoutMs) || self.exitStatus() != QProcess::NormalExit || self.exitCode() != 0) {
+        self.kill();
+        error = QString::fromUtf8(self.readAllStandardError()).trimmed().remove(QRegularExpression("^rfsysinfo: "));
+        if (error.isEmpty())
+            error = QStringLiteral("no report: %1").arg(self.errorString());
+        return std::nullopt;
+    }
+    return QJsonDocument::fromJson(self.readAllStandardOutput()).object();
+}
 
 } // namespace
 
@@ -212,4 +239,40 @@ bool hasReportShape(const QJsonObject &document, JsonInputUse use, QString &refu
         }
     }
     return true;
+}
+
+std::optional<DiffSide> readDiffSide(const QString &path, bool allowTools, QString &error)
+{
+    DiffSide side{"instrument", path, {}, {}};
+    std::optional<QJsonObject> document;
+    if (path.isEmpty()) {
+        document = reportOf({}, error);
+    } else {
+        bool isFolder = false;
+        const int fd = openInput(path, true, isFolder, error);
+        if (fd < 0)
+            return std::nullopt;
+        char magic[2] = {};
+        const bool gzip =
+            !isFolder && ::pread(fd, magic, sizeof magic, 0) == 2 && magic[0] == '\x1f' && magic[1] == '\x8b';
+        ::close(fd);
+        if (isFolder || gzip) {
+            side.kind = isFolder ? "tree" : "capture";
+            document = reportOf(QStringList{"--root", path} +
+                                    (isFolder && allowTools ? QStringList{"--allow-tools"} : QStringList()),
+                                error);
+        } else {
+            side.kind = "report";
+            QString refusal;
+            document = readJsonInput(path, refusal);
+            if (!document || !hasReportShape(*document, JsonInputUse::Report, refusal)) {
+                error = QStringLiteral("refused the report %1: %2").arg(path, refusal);
+                return std::nullopt;
+            }
+        }
+    }
+    if (!document)
+        return std::nullopt;
+    side.sections = withoutHeader(*document, side.captured);
+    return side;
 }

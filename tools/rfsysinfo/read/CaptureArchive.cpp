@@ -1,4 +1,4 @@
-#include "CaptureArchive.h"
+#include "read/CaptureArchive.h"
 
 #include "devicePaths.h"
 

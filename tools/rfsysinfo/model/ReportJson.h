@@ -1,0 +1,25 @@
+// The report's JSON form, the one the tool writes with --json and reads back from a saved report: its
+// header keys, which name the tool and the source, and its sections, which hold the library's answers.
+#ifndef RFSYSINFO_REPORTJSON_H
+#define RFSYSINFO_REPORTJSON_H
+
+#include "model/ReportModel.h"
+
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QStringList>
+
+// The keys every JSON document of the tool starts with: the tool, its version and the source (with a
+// replayed capture's origin).
+QJsonObject jsonHeader(const Report &report);
+
+// The report's sections as the JSON document holds them, without the header keys.
+QJsonObject reportSections(const Report &report);
+
+// The header keys of the JSON document, which name the tool and the source rather than the device.
+QStringList jsonHeaderKeys();
+
+// A value as a message shows it: texts bare, a list as "a or b", an absent one as "(absent)".
+QString shownValue(const QJsonValue &value);
+
+#endif // RFSYSINFO_REPORTJSON_H
