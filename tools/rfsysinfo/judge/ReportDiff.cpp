@@ -6,7 +6,6 @@
 #include <QMap>
 
 #include <algorithm>
-#include <functional>
 
 namespace {
 
@@ -55,56 +54,14 @@ void flatten(const QString &key, const QJsonValue &value, QMap<QString, QJsonVal
     }
 }
 
-QStringList serialNumbersIn(const QJsonObject &sections)
-{
-    QStringList serials;
-    for (const QString &field : serialFields()) {
-        const QString text =
-            sections.value(field.section('/', 0, 0)).toObject().value(field.section('/', 1)).toString();
-        if (!text.isEmpty() && !isMarkerText(text))
-            serials << text;
-    }
-    return serials;
-}
-
-// Sections sanitized as the tool sanitizes a report: the serial fields, and every text that is one of
-// `serials` as a whole.
-void sanitizeSections(QJsonObject &sections, const QStringList &serials)
-{
-    std::function<QJsonValue(const QJsonValue &)> replaced = [&](const QJsonValue &value) -> QJsonValue {
-        if (value.isString())
-            return serials.contains(value.toString()) ? QJsonValue(serialPlaceholder) : value;
-        if (value.isArray()) {
-            QJsonArray array;
-            for (const QJsonValue &element : value.toArray())
-                array.append(replaced(element));
-            return array;
-        }
-        if (!value.isObject())
-            return value;
-        QJsonObject object = value.toObject();
-        for (auto member = object.begin(); member != object.end(); ++member)
-            *member = replaced(*member);
-        return object;
-    };
-    sections = replaced(sections).toObject();
-    for (const QString &field : serialFields()) {
-        QJsonObject section = sections.value(field.section('/', 0, 0)).toObject();
-        if (section.contains(field.section('/', 1)))
-            section.insert(field.section('/', 1), serialPlaceholder);
-        if (!section.isEmpty())
-            sections.insert(field.section('/', 0, 0), section);
-    }
-}
-
 } // namespace
 
 void sanitizeSides(DiffSide &before, DiffSide &after)
 {
-    QStringList serials = serialNumbersIn(before.sections) + serialNumbersIn(after.sections);
+    QStringList serials = serialNumbersIn(before.report) + serialNumbersIn(after.report);
     serials.removeDuplicates();
     for (DiffSide *side : {&before, &after}) {
-        sanitizeSections(side->sections, serials);
+        sanitizeReport(side->report, serials);
         if (!side->name.isEmpty())
             side->name = sourcePlaceholder;
     }
@@ -117,8 +74,8 @@ QVector<Difference> reportDifferences(const DiffSide &before, const DiffSide &af
         if (!sections.isEmpty() && !sections.contains(section))
             continue;
         QMap<QString, QJsonValue> beforeLeaves, afterLeaves;
-        flatten({}, before.sections.value(section), beforeLeaves);
-        flatten({}, after.sections.value(section), afterLeaves);
+        flatten({}, reportSections(before.report).value(section), beforeLeaves);
+        flatten({}, reportSections(after.report).value(section), afterLeaves);
         QStringList keys = beforeLeaves.keys() + afterLeaves.keys();
         keys.removeDuplicates();
         std::sort(keys.begin(), keys.end(), naturalLess);

@@ -74,6 +74,48 @@ QJsonObject jsonHeader(const Report &report)
     return header;
 }
 
+Report reportFromJson(const QJsonObject &document)
+{
+    Report report = emptyReport();
+    report.sections.clear();
+    for (const QString &name : reportSectionNames())
+        if (document.contains(name))
+            report.sections << name;
+    const auto section = [&document](const char *name) -> const QJsonObject {
+        return document.value(QLatin1String(name)).toObject();
+    };
+    const QJsonObject identity = section("identity");
+    report.identity = {identity["model"].toString(),           identity["serialNumber"].toString(),
+                       identity["firmwareVersion"].toString(), identity["uiVersion"].toString(),
+                       identity["rfSerial"].toString(),        identity["identityToolsRun"].toBool(true)};
+    for (InventoryValue &value : report.inventory)
+        value.text = section("inventory")[value.key].toString();
+    const QJsonObject rf = section("rf");
+    report.rf.summary = rf["summary"].toString();
+    for (RfModule &module : report.rf.modules)
+        module = {module.key, module.label, rf[module.key]["revision"].toInt(), rf[module.key]["text"].toString()};
+    const QJsonObject fpga = section("fpga");
+    report.fpga.boardDescriptionLoaded = fpga["boardDescriptionLoaded"].toBool();
+    for (FpgaBank &bank : report.fpga.banks)
+        bank.version = fpga["banks"][bank.key].toString();
+    for (DspImages *images : {&report.dsp, &report.cpri}) {
+        const QJsonObject json = section(images == &report.dsp ? "dsp" : "cpri");
+        *images = {json["activeCount"].toInt(), {}};
+        for (const QJsonValue &image : json["images"].toArray()) {
+            const int index = image["index"].toInt();
+            images->images.push_back(
+                {index, image["name"].toString(), image["version"].toString(), images == &report.dsp ? index : -1});
+        }
+    }
+    report.temperature = temperaturesIn(section("temperature")["report"].toString());
+    for (CalibrationEntry &entry : report.calibration)
+        entry = calibrationEntry(entry.key, section("calibration")[entry.key].toString());
+    report.source.toolVersion = document.value("version").toString();
+    report.source.deviceTree = document.value("deviceTree").toString();
+    report.source.sanitized = document.value("sanitized").toBool();
+    return report;
+}
+
 QJsonObject reportSections(const Report &report)
 {
     QJsonObject sections;

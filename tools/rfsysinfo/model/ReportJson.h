@@ -19,6 +19,11 @@ QJsonObject reportSections(const Report &report);
 // The header keys of the JSON document, which name the tool and the source rather than the device.
 QStringList jsonHeaderKeys();
 
+// The report a JSON document holds, as read back from a saved report or from this tool's --json: the
+// sections it has, their values as given (a value it lacks is empty), and its source as the header
+// names it. The document is taken to have the report's shape (read/ReportInput checks it).
+Report reportFromJson(const QJsonObject &document);
+
 // A value as a message shows it: texts bare, a list as "a or b", an absent one as "(absent)".
 QString shownValue(const QJsonValue &value);
 

@@ -125,29 +125,10 @@ DspImages imagesOf(int count, int limit, bool fromFpgaBanks, const std::function
     return images;
 }
 
-// The readings, taken out of the report "<P>(P)/<M>(M)\n<Y>(Y)/<D>(D)" by their labels.
-Temperatures temperaturesOf(rfSystemInfo &info)
-{
-    Temperatures temperatures{info.checkSystemTemperature(), {}};
-    int from = 0;
-    QVector<TemperatureReading> readings;
-    for (const char *label : temperatureLabels) {
-        const QString marker = QStringLiteral("(%1)").arg(QLatin1String(label));
-        const int at = temperatures.report.indexOf(marker, from);
-        if (at < 0)
-            return temperatures;
-        const QString text = temperatures.report.mid(from, at - from);
-        readings.push_back({QLatin1String(label), text, numberIn(text)});
-        from = at + marker.size() + 1; // the "/" or line feed after each label
-    }
-    temperatures.readings = readings;
-    return temperatures;
-}
-
 // "OK/NONE/OK": one word a file. "OK(first line)", "OK(NONE)" or "NONE(NONE)": one dated file.
-CalibrationEntry calibrationOf(rfSystemInfo &info, const CalibrationQuery &query)
+CalibrationEntry calibrationOf(const CalibrationQuery &query, const QString &answer)
 {
-    CalibrationEntry entry{QLatin1String(query.key), QLatin1String(query.label), (info.*query.query)(), {}};
+    CalibrationEntry entry{QLatin1String(query.key), QLatin1String(query.label), answer, {}};
     if (query.dated) {
         CalibrationFile file{QLatin1String(query.paths.front()), entry.answer.startsWith(QLatin1String("OK(")), true,
                              false, entry.answer.mid(entry.answer.indexOf('(') + 1).chopped(1)};
@@ -158,7 +139,7 @@ CalibrationEntry calibrationOf(rfSystemInfo &info, const CalibrationQuery &query
     }
     const QStringList words = entry.answer.split('/');
     for (size_t i = 0; i < query.paths.size(); ++i) {
-        const bool present = static_cast<int>(i) < words.size() && words[static_cast<int>(i)] == "OK";
+        const bool present = static_cast<int>(i) < words.size() && words[static_cast<int>(i)] == marker::present;
         entry.files.push_back({QLatin1String(query.paths[i]), present, false, false, {}});
     }
     return entry;
@@ -196,6 +177,25 @@ void forEachText(Report &report, const std::function<void(QString &)> &visit)
 }
 
 } // namespace
+
+// The readings, taken out of the report "<P>(P)/<M>(M)\n<Y>(Y)/<D>(D)" by their labels.
+Temperatures temperaturesIn(const QString &report)
+{
+    Temperatures temperatures{report, {}};
+    int from = 0;
+    QVector<TemperatureReading> readings;
+    for (const char *label : temperatureLabels) {
+        const QString marker = QStringLiteral("(%1)").arg(QLatin1String(label));
+        const int at = report.indexOf(marker, from);
+        if (at < 0)
+            return temperatures;
+        const QString text = report.mid(from, at - from);
+        readings.push_back({QLatin1String(label), text, numberIn(text)});
+        from = at + marker.size() + 1; // the "/" or line feed after each label
+    }
+    temperatures.readings = readings;
+    return temperatures;
+}
 
 QString Report::inventoryText(const char *key) const
 {
@@ -235,10 +235,10 @@ Report collectReport(rfSystemInfo &info, const ReportOptions &options)
             [&info](int index) { return info.checkCpriDspString(index); },
             [&info](int index) { return info.checkCpriDspVersion(index); });
     if (report.has("temperature"))
-        report.temperature = temperaturesOf(info);
+        report.temperature = temperaturesIn(info.checkSystemTemperature());
     if (report.has("calibration"))
         for (const CalibrationQuery &query : calibrationQueries)
-            report.calibration << calibrationOf(info, query);
+            report.calibration << calibrationOf(query, (info.*query.query)());
     return report;
 }
 
@@ -308,9 +308,8 @@ bool isSerialField(const QString &section, const QString &key)
     return serialFields().contains(section + '/' + key);
 }
 
-void sanitizeReport(Report &report)
+void sanitizeReport(Report &report, const QStringList &serials)
 {
-    const QStringList serials = serialNumbersIn(report);
     // The serial fields go whatever they hold; any other field only when its whole value is a serial.
     if (report.has("identity"))
         report.identity.serialNumber = report.identity.rfSerial = serialPlaceholder;
@@ -326,6 +325,19 @@ void sanitizeReport(Report &report)
         report.source.deviceTree = sourcePlaceholder;
     if (report.source.origin && !report.source.origin->sourceTree.isEmpty())
         report.source.origin->sourceTree = sourcePlaceholder;
+}
+
+void sanitizeReport(Report &report)
+{
+    sanitizeReport(report, serialNumbersIn(report));
+}
+
+CalibrationEntry calibrationEntry(const QString &key, const QString &answer)
+{
+    for (const CalibrationQuery &query : calibrationQueries)
+        if (key == QLatin1String(query.key))
+            return calibrationOf(query, answer);
+    return {key, key, answer, {}};
 }
 
 void applyRecordedSoftware(Report &report, const InstrumentSoftware &software)

@@ -165,6 +165,12 @@ Report collectReport(rfSystemInfo &info, const ReportOptions &options);
 // the JSON report has, against which profiles and saved reports are checked.
 Report emptyReport();
 
+// The temperature report's readings, taken out of "<P>(P)/<M>(M)\n<Y>(Y)/<D>(D)" by their labels.
+Temperatures temperaturesIn(const QString &report);
+
+// A calibration answer (under its JSON key) with what it says of each file.
+CalibrationEntry calibrationEntry(const QString &key, const QString &answer);
+
 // A text read as a number (C locale, white space around allowed); nothing when it is none.
 std::optional<double> numberIn(const QString &text);
 // The date a text begins with (YYYY-MM-DD), if it does.
@@ -188,6 +194,8 @@ bool isSerialField(const QString &section, const QString &key);
 // numbers, by serialPlaceholder. Parts of other values are never touched: a serial "-" leaves every
 // date as it is. The names of the device tree and the capture are withheld.
 void sanitizeReport(Report &report);
+// The same with the serial numbers given: both sides of a comparison withhold those of either side.
+void sanitizeReport(Report &report, const QStringList &serials);
 
 // The placeholder that stands for a serial number in a sanitized report, and for a device tree's or a
 // capture's name, which is often the instrument's serial number.

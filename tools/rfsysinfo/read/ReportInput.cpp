@@ -161,14 +161,6 @@ private:
     JsonInputUse use;
 };
 
-QJsonObject withoutHeader(QJsonObject document, QString &captured)
-{
-    captured = document.value("capture").toObject().value("captured").toString();
-    for (const QString &key : jsonHeaderKeys())
-        document.remove(key);
-    return document;
-}
-
 // This program again, for the JSON report of a capture, a tree or this instrument.
 std::optional<QJsonObject> reportOf(const QStringList &arguments, QString &error)
 {
@@ -273,6 +265,7 @@ std::optional<DiffSide> readDiffSide(const QString &path, bool allowTools, QStri
     }
     if (!document)
         return std::nullopt;
-    side.sections = withoutHeader(*document, side.captured);
+    side.report = reportFromJson(*document);
+    side.captured = document->value("capture").toObject().value("captured").toString();
     return side;
 }

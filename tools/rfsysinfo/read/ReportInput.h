@@ -5,6 +5,8 @@
 #ifndef RFSYSINFO_REPORTINPUT_H
 #define RFSYSINFO_REPORTINPUT_H
 
+#include "model/ReportModel.h"
+
 #include <QJsonObject>
 #include <QString>
 #include <QStringList>
@@ -24,12 +26,12 @@ enum class JsonInputUse { Profile, Report };
 // Header keys and identityToolsRun are ignored. `refusal` names the place.
 bool hasReportShape(const QJsonObject &document, JsonInputUse use, QString &refusal);
 
-// One side of a comparison: a report as read, without its header keys.
+// One side of a comparison: its report, and where it comes from.
 struct DiffSide
 {
     QString kind; // "capture", "tree", "report" or "instrument"
     QString name; // as given; empty for the instrument
-    QJsonObject sections;
+    Report report;
     QString captured; // a capture's (or a saved replay's) time of capture
 };
 
