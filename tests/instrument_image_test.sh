@@ -37,27 +37,12 @@ wait_for_scrape() {
         sleep 3
     done
 }
-# The rfsi_ samples with their labels in name order and their values as numbers: node_exporter
-# writes them so.
+# The rfsi_ samples but the time, sorted, each number as printf's %.10g: node_exporter keeps the
+# labels as rfsysinfo writes them (in name order), and writes large numbers with an exponent.
 samples() {
-    grep '^rfsi_' "$1" | grep -v '^rfsi_report_timestamp_seconds ' | awk '{
-        value = $NF; line = substr($0, 1, length($0) - length(value) - 1)
-        open = index(line, "{")
-        if (open) {
-            n = split(substr(line, open + 1, length(line) - open - 2), label, "\",")
-            for (i = 2; i <= n; i++) {
-                v = label[i]; j = i - 1
-                while (j > 0 && label[j] > v) { label[j + 1] = label[j]; j-- }
-                label[j + 1] = v
-            }
-            joined = label[1]
-            for (i = 2; i <= n; i++) joined = joined "\"," label[i]
-            line = substr(line, 1, open) joined "\"}"
-        }
-        printf "%s %.10g\n", line, value
-    }' | sort
+    grep '^rfsi_' "$1" | grep -v '^rfsi_report_timestamp_seconds ' |
+        awk '{ value = $NF; sub(/ [^ ]*$/, ""); printf "%s %.10g\n", $0, value }' | sort
 }
-
 "$image" build arm64 "$dir"
 port=$(free_port)
 ssh_port=$(free_port)

@@ -45,8 +45,10 @@ public:
         text += QStringLiteral("# HELP %1 %2\n# TYPE %1 gauge\n").arg(current, QLatin1String(help));
     }
 
-    void sample(double value, const Labels &labels = {})
+    // Labels in name order, as Prometheus and node_exporter write them.
+    void sample(double value, Labels labels = {})
     {
+        std::sort(labels.begin(), labels.end());
         QStringList pairs;
         for (const auto &[name, labelValue] : labels)
             pairs << QStringLiteral("%1=\"%2\"").arg(name, escaped(labelValue));
