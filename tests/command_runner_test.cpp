@@ -132,7 +132,7 @@ protected:
     rfSystemInfo &info = *rfSystemInfo::param();
 };
 
-TEST_F(CommandRunnerTest, SicutilFamilyGetsItsOptionsArgumentsArePassedLiterallyAndFallbacksAreTheCallers)
+TEST_F(CommandRunnerTest, ArgumentsArePassedLiterallyWithOneDebugLineAndFallbacksAreTheCallers)
 {
     const std::pair<const char *, QString> cases[] = {
         {"/storage/opt/myicutil", "<-r><-sol><5><$(touch /tmp/injected) *>"},
@@ -144,14 +144,7 @@ TEST_F(CommandRunnerTest, SicutilFamilyGetsItsOptionsArgumentsArePassedLiterally
         EXPECT_EQ(info.executeCmd(program, "$(touch /tmp/injected) *"), expected) << program;
     }
     EXPECT_EQ(info.executeCmd("/bin/echoargs", ""), "<>") << "an empty argument is an argument of its own";
-    EXPECT_FALSE(fs::exists("/tmp/injected")) << "the argument went through a shell";
-    // Callers choose the fallback of the identity queries.
-    EXPECT_TRUE(info.getSystemModelSystemCmd("").isEmpty());
-    EXPECT_EQ(info.getSystemSerialSystemCmd("custom"), "custom");
-}
-
-TEST_F(CommandRunnerTest, EachRunWritesOneDebugLine)
-{
+    // Each run writes one debug line, a program that cannot start too.
     debugLines.clear();
     const QtMessageHandler previous = qInstallMessageHandler(collectDebugLine);
     info.executeCmd("/bin/missing/sicutil", "ProductName");
@@ -159,6 +152,10 @@ TEST_F(CommandRunnerTest, EachRunWritesOneDebugLine)
     qInstallMessageHandler(previous);
     EXPECT_EQ(debugLines,
               QStringList({R"("/bin/missing/sicutil" ("-r", "-sol", "5", "ProductName"))", R"("/bin/cat" ("a b"))"}));
+    EXPECT_FALSE(fs::exists("/tmp/injected")) << "the argument went through a shell";
+    // Callers choose the fallback of the identity queries.
+    EXPECT_TRUE(info.getSystemModelSystemCmd("").isEmpty());
+    EXPECT_EQ(info.getSystemSerialSystemCmd("custom"), "custom");
 }
 
 // Whatever the caller's standard streams (0, 1, 2 open or closed) and SIGCHLD, and while another of its

@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include <sys/stat.h>
 
@@ -190,65 +191,53 @@ TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACap
     EXPECT_GE(cases, 30) << "the cases under " << caseFolders;
 }
 
-TEST_F(DeviceCasesTest, EachRefusedCaptureIsRefusedQuicklyForItsReason)
+// Untrusted inputs, each refused for the reason its case gives, with one line, before any device is
+// read: a capture (exit status 3, within 5 s), a release profile (2, within a second) and a profile
+// that is no report either as a side of --diff (3).
+TEST_F(DeviceCasesTest, EachRefusedInputIsRefusedQuicklyForItsReason)
 {
-    int cases = 0;
-    for (const fs::directory_entry &folder : fs::directory_iterator(caseFolders)) {
-        std::ifstream refusalFile(folder.path() / "refusal");
-        std::string refusal;
-        if (!std::getline(refusalFile, refusal))
-            continue;
-        ++cases;
-        SCOPED_TRACE(folder.path().filename().string());
-        const QString archive = QString::fromStdString((folder.path() / "capture.tgz").string());
-        QElapsedTimer timer;
-        timer.start();
-        const ToolRun run = rfsysinfo({"--root", archive});
-        EXPECT_LT(timer.elapsed(), 5000);
-        EXPECT_EQ(run.status, 3);
-        EXPECT_EQ(run.out, "");
-        const QString prefix = "rfsysinfo: refused the capture " + archive + ": ";
-        EXPECT_TRUE(run.err.startsWith(prefix) && run.err.count('\n') == 1) << run.err.toStdString();
-        EXPECT_TRUE(run.err.contains(QString::fromStdString(refusal))) << run.err.toStdString();
-    }
-    EXPECT_GE(cases, 15);
-    EXPECT_FALSE(fs::exists("/storage/escaped"));
-}
-
-// A release profile is untrusted input too: refused with one line that names the place, within a
-// second, before any device is read. What is no report either is refused as a side of --diff.
-TEST_F(DeviceCasesTest, EachRefusedProfileIsRefusedQuicklyForItsReason)
-{
-    std::ofstream("/storage/huge.json").close();
-    fs::resize_file("/storage/huge.json", qint64{1} << 30); // sparse: a gigabyte of NUL bytes
-    std::vector<std::pair<fs::path, std::string>> profiles = {{"/storage/huge.json", "it is larger than 1024 KiB"}};
-    for (const fs::directory_entry &folder : fs::directory_iterator(caseFolders)) {
-        std::ifstream refusalFile(folder.path() / "profile-refusal");
-        std::string refusal;
-        if (std::getline(refusalFile, refusal))
-            profiles.emplace_back(folder.path() / "profile.json", refusal);
-    }
-    ASSERT_GE(profiles.size(), 10u);
+    writeDeviceFile("/storage/huge/profile-refusal", "it is larger than 1024 KiB\n");
+    std::ofstream("/storage/huge/profile.json").close();
+    fs::resize_file("/storage/huge/profile.json", qint64{1} << 30); // sparse: a gigabyte of NUL bytes
     const QStringList sample = {"--root", RFSI_TEST_SOURCE_DIR "/examples/device", "--allow-tools"};
-    for (const auto &[profile, refusal] : profiles) {
-        SCOPED_TRACE(profile.string());
-        const QString path = QString::fromStdString(profile.string());
-        QElapsedTimer timer;
-        timer.start();
-        const ToolRun run = rfsysinfo(QStringList{"--check", "--expect", path} + sample);
-        EXPECT_LT(timer.elapsed(), 1000);
-        EXPECT_EQ(run.status, 2);
-        EXPECT_EQ(run.out, "");
-        EXPECT_TRUE(run.err.startsWith("rfsysinfo: refused the release profile " + path + ": ") &&
-                    run.err.count('\n') == 1 && run.err.contains(QString::fromStdString(refusal)))
-            << run.err.toStdString();
-        std::ifstream reportRefusalFile(profile.parent_path() / "report-refusal");
-        std::string reportRefusal;
-        if (!std::getline(reportRefusalFile, reportRefusal))
-            continue;
-        const ToolRun diff = rfsysinfo(QStringList{"--diff", path} + sample);
-        EXPECT_EQ(diff.status, 3);
-        EXPECT_TRUE(diff.err.contains("refused the report " + path + ": " + QString::fromStdString(reportRefusal)))
-            << diff.err.toStdString();
-    }
+    const struct
+    {
+        const char *reasonFile, *input;
+        QStringList options, source;
+        int status;
+        const char *refused;
+        qint64 boundMs;
+    } kinds[] = {
+        {"refusal", "capture.tgz", {"--root"}, {}, 3, "refused the capture ", 5000},
+        {"profile-refusal", "profile.json", {"--check", "--expect"}, sample, 2, "refused the release profile ", 1000},
+        {"report-refusal", "profile.json", {"--diff"}, sample, 3, "refused the report ", 5000},
+    };
+    std::vector<fs::path> folders = {"/storage/huge"};
+    for (const fs::directory_entry &folder : fs::directory_iterator(caseFolders))
+        folders.push_back(folder.path());
+    std::map<std::string, int> cases;
+    for (const auto &kind : kinds)
+        for (const fs::path &folder : folders) {
+            std::ifstream reasonFile(folder / kind.reasonFile);
+            std::string reason;
+            if (!std::getline(reasonFile, reason))
+                continue;
+            ++cases[kind.reasonFile];
+            SCOPED_TRACE(folder.filename().string() + " " + kind.reasonFile);
+            const QString input = QString::fromStdString((folder / kind.input).string());
+            QElapsedTimer timer;
+            timer.start();
+            const ToolRun run = rfsysinfo(kind.options + QStringList{input} + kind.source);
+            EXPECT_LT(timer.elapsed(), kind.boundMs);
+            EXPECT_EQ(run.status, kind.status);
+            EXPECT_EQ(run.out, "");
+            EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.count('\n') == 1 &&
+                        run.err.contains(kind.refused + input + ": ") &&
+                        run.err.contains(QString::fromStdString(reason)))
+                << run.err.toStdString();
+        }
+    EXPECT_GE(cases["refusal"], 15);
+    EXPECT_GE(cases["profile-refusal"], 10);
+    EXPECT_GE(cases["report-refusal"], 3);
+    EXPECT_FALSE(fs::exists("/storage/escaped"));
 }
