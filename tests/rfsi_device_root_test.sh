@@ -81,6 +81,14 @@ grep -Eq 'WRITTEN|READ|INJECTED' "$work/tries" "$work/reports/report.txt" &&
 [ "$(cat "$host_file")" = untouched ] || { echo "FAIL: the host's file was changed"; status=1; }
 [ "$(ls "$work/reports")" = report.txt ] || { echo "FAIL: the tree's tool wrote into the host folder"; status=1; }
 
+# While a tree's program runs, no process of rfsysinfo holds anything of the output's folder open.
+mkdir -p "$work/slow/bin" "$work/out"
+printf '#!/bin/sh\nsleep 2\n' > "$work/slow/bin/getSicutil" && chmod +x "$work/slow/bin/getSicutil"
+"$rfsysinfo" --root "$work/slow" --allow-tools --section identity --output "$work/out/report.txt" & run=$!
+sleep 1
+held=$(for p in $(pgrep -x rfsysinfo); do ls -l "/proc/$p/fd" 2>/dev/null; done | grep -F "$work/out" || true)
+wait $run || true
+[ -z "$held" ] && [ -s "$work/out/report.txt" ] || { echo "FAIL: the output's folder was held open: $held"; status=1; }
 # Names the kernel's mount options would split at (':' ',' '\\', spaces, a line end): the tree's Dsp
 # leads to its folder "x:$work/secret", which a text option would read as the tree's "x" and the
 # host's $work/secret; a tree at such a path is read like any other.

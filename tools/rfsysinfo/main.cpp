@@ -32,6 +32,7 @@
 #include <optional>
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -395,7 +396,21 @@ QStringList serialNumbersOf(rfSystemInfo &info, const DeviceState &state)
     return serials;
 }
 
-int capture(const Settings &settings, const Destination &destination, const DeviceState *replayed, int summaryFd)
+// What a run made: its exit status, the bytes for the destination and, for a capture, the line that
+// says what went into it. Nothing to write when the run failed (it said why).
+struct Made
+{
+    int status = exitReport;
+    std::optional<QByteArray> bytes;
+    QString summary;
+};
+
+Made failed(int status, const QString &message)
+{
+    return {fail(status, message), std::nullopt, {}};
+}
+
+Made capture(const Settings &settings, const DeviceState *replayed)
 {
     rfSystemInfo &info = *rfSystemInfo::param();
     DeviceState state = readDeviceState(info, identityToolsAnswer(settings, replayed));
@@ -418,24 +433,21 @@ int capture(const Settings &settings, const Destination &destination, const Devi
     }
     QString error;
     const std::optional<QByteArray> archive = captureArchive(state, error);
-    if (!archive || !destination.write(*archive, error))
-        return fail(exitOutput, error);
+    if (!archive)
+        return failed(exitOutput, error);
     int copied = 0;
     for (const DeviceNode &file : state.files)
         copied += file.kind == NodeKind::File;
-    const QString summary =
-        QStringLiteral("captured %1 files and %2 answers of the identity tools into %3 (%4 bytes)\n")
-            .arg(copied)
-            .arg(state.answers.size())
-            .arg(destination.toStandardOutput() ? QStringLiteral("standard output") : settings.capture)
-            .arg(archive->size());
-    // The summary goes beside the archive, never into it.
-    const Destination summaryTarget(nullptr, {}, destination.toStandardOutput() ? STDERR_FILENO : summaryFd);
-    return summaryTarget.write(summary.toUtf8(), error) ? exitReport : fail(exitOutput, error);
+    return {exitReport, archive,
+            QStringLiteral("captured %1 files and %2 answers of the identity tools into %3 (%4 bytes)\n")
+                .arg(copied)
+                .arg(state.answers.size())
+                .arg(settings.capture == QLatin1String("-") ? QStringLiteral("standard output") : settings.capture)
+                .arg(archive->size())};
 }
 
 // The report of the device this process sees, as the settings ask for it.
-int report(const Settings &settings, ReportSource source, const DeviceState *replayed, const Destination &output)
+Made report(const Settings &settings, ReportSource source, const DeviceState *replayed)
 {
     ReportOptions options;
     options.sections = settings.sections;
@@ -471,11 +483,7 @@ int report(const Settings &settings, ReportSource source, const DeviceState *rep
         text = settings.json ? checkJson(report, findings, checkOptions) : checkText(report, findings, checkOptions);
     else
         text = settings.json ? jsonReport(report) : textReport(report);
-    std::fflush(stdout); // the library's own lines, before the report is complete
-    QString error;
-    if (!output.write(text, error))
-        return fail(exitOutput, error);
-    return settings.check && !checkPasses(findings, settings.strict) ? exitFailure : exitReport;
+    return {settings.check && !checkPasses(findings, settings.strict) ? exitFailure : exitReport, text, {}};
 }
 
 // Two reports compared key by key: exit status 0 when equal, 1 when they differ.
@@ -502,6 +510,85 @@ int diff(const Settings &settings, const Destination &output)
     return differences.isEmpty() ? exitReport : exitFailure;
 }
 
+// Makes the report or the capture of the device the settings name: this instrument, or a copied tree
+// or a capture, each in a private device root.
+Made make(const Settings &settings)
+{
+    QString error;
+    // The identity tools answer on this instrument, for a tree only when allowed, and for a capture
+    // as they answered when it was made.
+    std::optional<DeviceState> replayed;
+    bool treeIsFolder = false;
+    const int treeFd = settings.deviceTree.isEmpty() ? -1 : openInput(settings.deviceTree, true, treeIsFolder, error);
+    if (!settings.deviceTree.isEmpty() && treeFd < 0)
+        return failed(exitDeviceRoot, QStringLiteral("cannot read %1: %2").arg(settings.deviceTree, error));
+    const bool replay = treeFd >= 0 && !treeIsFolder;
+    if (treeFd >= 0 && treeIsFolder)
+        ::close(treeFd); // the device root opens the tree's folders itself
+    if (replay) {
+        replayed = enterCapture(settings, treeFd, error);
+        if (!replayed)
+            return failed(exitDeviceRoot, error);
+    } else if (!settings.deviceTree.isEmpty()) {
+        if (!enterDeviceTree(settings, error))
+            return failed(exitDeviceRoot, error);
+        // A capture records what the tree holds; a report must not run what it was not allowed to.
+        if (settings.capture.isEmpty() && !settings.allowTools && !removeTools(identityToolPaths(), error))
+            return failed(exitDeviceRoot, error);
+    }
+    // From here on, a copied tree's programs may run: none of them gets a capability.
+    if (!settings.deviceTree.isEmpty()) {
+        try {
+            deviceroot::dropPrivileges();
+        } catch (const deviceroot::SetupError &setupError) {
+            return failed(exitDeviceRoot, QString::fromLocal8Bit(setupError.what()));
+        }
+    }
+    if (!settings.capture.isEmpty())
+        return capture(settings, replayed ? &*replayed : nullptr);
+    const ReportSource source{RFSI_VERSION, settings.deviceTree, replay, false, std::nullopt, {}};
+    return report(settings, source, replayed ? &*replayed : nullptr);
+}
+
+// Runs make() in a child, which enters the device root, and takes what it made through a pipe: the
+// output is written from here, outside the root, so that nothing of the output's folder is open while
+// a tree's programs run. The child sends the summary, a NUL and the bytes, or nothing when it failed.
+Made madeInChild(const Settings &settings, int reportFd)
+{
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0)
+        return failed(exitDeviceRoot, QStringLiteral("cannot start the device root: %1").arg(std::strerror(errno)));
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(fds[0]);
+        if (reportFd >= 0)
+            ::close(reportFd); // the report goes through the pipe
+        const Made made = make(settings);
+        std::fflush(nullptr);
+        if (made.bytes && !writeAll(fds[1], made.summary.toUtf8() + '\0' + *made.bytes))
+            ::_exit(exitOutput);
+        ::_exit(made.status);
+    }
+    ::close(fds[1]);
+    QByteArray framed;
+    char buffer[65536];
+    for (ssize_t count; (count = ::read(fds[0], buffer, sizeof buffer)) != 0;)
+        if (count > 0)
+            framed.append(buffer, static_cast<int>(count));
+        else if (errno != EINTR)
+            break;
+    ::close(fds[0]);
+    int status = 0;
+    while (child > 0 && ::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    const int exitStatus = child > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : exitDeviceRoot;
+    const int separator = framed.indexOf('\0');
+    if (separator < 0)
+        return {exitStatus, std::nullopt, {}};
+    return {exitStatus, framed.mid(separator + 1), QString::fromUtf8(framed.left(separator))};
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -522,7 +609,7 @@ int main(int argc, char **argv)
         return fail(exitUsage, error.startsWith(QLatin1String("refused")) ? error : error + " (see --help)");
 
     const int reportFd = separateReportFromLibraryOutput(standardOutputOpen, settings.verbose);
-    // Opened here: inside a device root the output's folder is out of reach.
+    // Checked before anything is read: a target that cannot be written is refused at once.
     const bool capturing = !settings.capture.isEmpty();
     const Destination destination(capturing                   ? "--capture"
                                   : settings.output.isEmpty() ? nullptr
@@ -533,38 +620,15 @@ int main(int argc, char **argv)
 
     if (settings.diff)
         return diff(settings, destination);
-
-    // The identity tools answer on this instrument, for a tree only when allowed, and for a capture
-    // as they answered when it was made.
-    std::optional<DeviceState> replayed;
-    bool treeIsFolder = false;
-    const int treeFd = settings.deviceTree.isEmpty() ? -1 : openInput(settings.deviceTree, true, treeIsFolder, error);
-    if (!settings.deviceTree.isEmpty() && treeFd < 0)
-        return fail(exitDeviceRoot, QStringLiteral("cannot read %1: %2").arg(settings.deviceTree, error));
-    const bool replay = treeFd >= 0 && !treeIsFolder;
-    if (treeFd >= 0 && treeIsFolder)
-        ::close(treeFd); // the device root opens the tree's folders itself
-    if (replay) {
-        replayed = enterCapture(settings, treeFd, error);
-        if (!replayed)
-            return fail(exitDeviceRoot, error);
-    } else if (!settings.deviceTree.isEmpty()) {
-        if (!enterDeviceTree(settings, error))
-            return fail(exitDeviceRoot, error);
-        // A capture records what the tree holds; a report must not run what it was not allowed to.
-        if (!capturing && !settings.allowTools && !removeTools(identityToolPaths(), error))
-            return fail(exitDeviceRoot, error);
-    }
-    // From here on, a copied tree's programs may run: none of them gets a capability.
-    if (!settings.deviceTree.isEmpty()) {
-        try {
-            deviceroot::dropPrivileges();
-        } catch (const deviceroot::SetupError &setupError) {
-            return fail(exitDeviceRoot, QString::fromLocal8Bit(setupError.what()));
-        }
-    }
-    if (capturing)
-        return capture(settings, destination, replayed ? &*replayed : nullptr, reportFd);
-    const ReportSource source{RFSI_VERSION, settings.deviceTree, replay, false, std::nullopt, {}};
-    return report(settings, source, replayed ? &*replayed : nullptr, destination);
+    const Made made = settings.deviceTree.isEmpty() ? make(settings) : madeInChild(settings, reportFd);
+    if (!made.bytes)
+        return made.status;
+    std::fflush(stdout); // the library's own lines, before the report is complete
+    if (!destination.write(*made.bytes, error))
+        return fail(exitOutput, error);
+    // A capture's summary goes beside the archive, never into it.
+    const Destination summary(nullptr, {}, destination.toStandardOutput() ? STDERR_FILENO : reportFd);
+    if (!made.summary.isEmpty() && !summary.write(made.summary.toUtf8(), error))
+        return fail(exitOutput, error);
+    return made.status;
 }

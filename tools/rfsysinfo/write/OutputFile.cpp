@@ -19,22 +19,6 @@ QString systemError(const char *what)
                  : QString::fromLocal8Bit(std::strerror(errno));
 }
 
-bool writeAll(int fd, const QByteArray &content)
-{
-    qint64 written = 0;
-    while (written < content.size()) {
-        const ssize_t count = ::write(fd, content.constData() + written, static_cast<size_t>(content.size() - written));
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0) {
-            errno = count == 0 ? EIO : errno;
-            return false;
-        }
-        written += count;
-    }
-    return true;
-}
-
 // Why `name` in `folderFd` must not be replaced; empty when it is a regular file or there is none.
 QString targetRefusal(int folderFd, const QByteArray &name)
 {
@@ -54,28 +38,55 @@ QString targetRefusal(int folderFd, const QByteArray &name)
 
 } // namespace
 
+bool writeAll(int fd, const QByteArray &content)
+{
+    qint64 written = 0;
+    while (written < content.size()) {
+        const ssize_t count = ::write(fd, content.constData() + written, static_cast<size_t>(content.size() - written));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0) {
+            errno = count == 0 ? EIO : errno;
+            return false;
+        }
+        written += count;
+    }
+    return true;
+}
+
 OutputFile::OutputFile(const QString &path)
 {
     const QFileInfo target(path);
     name = QFile::encodeName(target.fileName());
+    folder = QFile::encodeName(target.absolutePath());
     if (name.isEmpty() || name == "." || name == "..") {
         error = QStringLiteral("it names a folder, not a file");
         return;
     }
-    folderFd = ::open(QFile::encodeName(target.absolutePath()).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (folderFd < 0)
-        error = systemError("its folder cannot be opened");
-    else
-        error = targetRefusal(folderFd, name);
-}
-
-OutputFile::~OutputFile()
-{
+    const int folderFd = openFolder();
+    error = folderFd < 0 ? systemError("its folder cannot be opened") : targetRefusal(folderFd, name);
     if (folderFd >= 0)
         ::close(folderFd);
 }
 
+int OutputFile::openFolder() const
+{
+    return ::open(folder.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
 bool OutputFile::write(const QByteArray &content, QString &writeError)
+{
+    const int folderFd = openFolder();
+    if (folderFd < 0) {
+        writeError = systemError("its folder cannot be opened");
+        return false;
+    }
+    const bool written = replaceIn(folderFd, content, writeError);
+    ::close(folderFd);
+    return written;
+}
+
+bool OutputFile::replaceIn(int folderFd, const QByteArray &content, QString &writeError)
 {
     const QByteArray temporary = "." + name + ".tmp-" + QByteArray::number(::getpid());
     const int fd = ::openat(folderFd, temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);

@@ -13,13 +13,9 @@
 class OutputFile
 {
 public:
-    // Opens the target's folder now, so that the file can be written later from inside a private
-    // device root, where the folder is no longer reachable by its path; and refuses a target that is
-    // no regular file.
+    // Checks the target now, so that a run that could not write it is refused before it starts; the
+    // target's folder is opened again for the write, and open only then.
     explicit OutputFile(const QString &path);
-    OutputFile(const OutputFile &) = delete;
-    OutputFile &operator=(const OutputFile &) = delete;
-    ~OutputFile();
 
     // Empty when the folder opened and the target may be replaced.
     QString openError() const { return error; }
@@ -27,10 +23,15 @@ public:
     bool write(const QByteArray &content, QString &writeError);
 
 private:
-    QByteArray name;
-    int folderFd = -1;
+    int openFolder() const;
+    bool replaceIn(int folderFd, const QByteArray &content, QString &writeError);
+
+    QByteArray folder, name;
     QString error;
 };
+
+// Writes all of `content` to `fd`; false with errno when it cannot.
+bool writeAll(int fd, const QByteArray &content);
 
 // Where a report or a capture goes: a file written as above, or standard output ("-", or no path).
 // Every failure is told as one line that names the target and the reason.
