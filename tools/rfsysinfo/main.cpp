@@ -115,48 +115,35 @@ std::optional<double> numberOption(const QString &name, const QString &text, dou
     return number;
 }
 
-// The options that exclude each other, or need another.
-bool optionsGoTogether(const Settings &settings, QString &error)
+// The options that exclude each other, or need another: the first rule broken is told.
+bool optionsGoTogether(const Settings &s, bool expecting, QString &error)
 {
-    const bool fromCapture = QFileInfo(settings.deviceTree).isFile();
-    bool treeToRun = !settings.deviceTree.isEmpty() && !fromCapture;
-    for (const QString &side : settings.diffSides)
+    bool treeToRun = !s.deviceTree.isEmpty() && !QFileInfo(s.deviceTree).isFile();
+    for (const QString &side : s.diffSides)
         treeToRun = treeToRun || QFileInfo(side).isDir();
-    if (settings.diff && (settings.check || settings.metrics || !settings.capture.isEmpty())) {
-        error = "--diff is a report of its own: it goes with neither --check, --metrics nor --capture";
-        return false;
-    }
-    if (settings.diff && settings.diffSides.size() == 2 && !settings.deviceTree.isEmpty()) {
-        error = "--diff BEFORE AFTER takes no --root: --root stands for AFTER when it is left out";
-        return false;
-    }
-    if (settings.allowTools && !treeToRun) {
-        error = settings.deviceTree.isEmpty()
-                    ? "--allow-tools goes with --root DIR: on this instrument the identity tools always run"
-                    : "--allow-tools goes with a device tree, not a capture: a capture replays the answers it holds";
-        return false;
-    }
-    if (!settings.capture.isEmpty() && (settings.json || !settings.sections.isEmpty() || settings.check ||
-                                        settings.metrics || !settings.output.isEmpty())) {
-        error = "--capture takes the whole device and prints no report: it goes with no other output option";
-        return false;
-    }
-    if ((settings.check || settings.metrics) && !settings.sections.isEmpty()) {
-        error = "--check and --metrics take the whole report: they do not go with --section";
-        return false;
-    }
-    if (settings.metrics && (settings.check || settings.json)) {
-        error = "--metrics is a format of its own: it goes with neither --check nor --json";
-        return false;
-    }
-    if ((settings.strict || settings.maxCalibrationAgeDays >= 0) && !settings.check) {
-        error = "--strict and --max-calibration-age go with --check";
-        return false;
-    }
-    if (settings.criticalTemperature && !settings.check && !settings.metrics) {
-        error = "--critical-temperature goes with --check or --metrics";
-        return false;
-    }
+    const std::pair<bool, const char *> rules[] = {
+        {s.diff && (s.check || s.metrics || !s.capture.isEmpty()),
+         "--diff is a report of its own: it goes with neither --check, --metrics nor --capture"},
+        {s.diff && s.diffSides.size() == 2 && !s.deviceTree.isEmpty(),
+         "--diff BEFORE AFTER takes no --root: --root stands for AFTER when it is left out"},
+        {s.allowTools && s.deviceTree.isEmpty() && !treeToRun,
+         "--allow-tools goes with --root DIR: on this instrument the identity tools always run"},
+        {s.allowTools && !treeToRun,
+         "--allow-tools goes with a device tree, not a capture: a capture replays the answers it holds"},
+        {!s.capture.isEmpty() && (s.json || !s.sections.isEmpty() || s.check || s.metrics || !s.output.isEmpty()),
+         "--capture takes the whole device and prints no report: it goes with no other output option"},
+        {(s.check || s.metrics) && !s.sections.isEmpty(),
+         "--check and --metrics take the whole report: they do not go with --section"},
+        {s.metrics && (s.check || s.json), "--metrics is a format of its own: it goes with neither --check nor --json"},
+        {(s.strict || s.maxCalibrationAgeDays >= 0) && !s.check, "--strict and --max-calibration-age go with --check"},
+        {s.criticalTemperature && !s.check && !s.metrics, "--critical-temperature goes with --check or --metrics"},
+        {expecting && !s.check && !s.metrics, "--expect goes with --check or --metrics"},
+    };
+    for (const auto &[broken, message] : rules)
+        if (broken) {
+            error = QString::fromUtf8(message);
+            return false;
+        }
     return true;
 }
 
@@ -253,10 +240,14 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
     if (!limit.isEmpty() && !(settings.criticalTemperature = numberOption("--critical-temperature", limit, lowestLimit,
                                                                           highestLimit, false, error)))
         return false;
-    if (!profile.isEmpty() && !settings.check && !settings.metrics) {
-        error = "--expect goes with --check or --metrics";
-        return false;
+    for (const QString &section : settings.sections) {
+        if (!reportSectionNames().contains(section)) {
+            error = "unknown section '" + section + "' (sections: " + reportSectionNames().join(", ") + ")";
+            return false;
+        }
     }
+    if (!optionsGoTogether(settings, !profile.isEmpty(), error))
+        return false;
     if (!profile.isEmpty()) {
         QString refusal;
         settings.release = readReleaseProfile(profile, refusal);
@@ -265,13 +256,7 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
             return false;
         }
     }
-    for (const QString &section : settings.sections) {
-        if (!reportSectionNames().contains(section)) {
-            error = "unknown section '" + section + "' (sections: " + reportSectionNames().join(", ") + ")";
-            return false;
-        }
-    }
-    return optionsGoTogether(settings, error);
+    return true;
 }
 
 void dropDebugLines(QtMsgType type, const QMessageLogContext &, const QString &message)
