@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -298,11 +299,16 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
     EXPECT_EQ(fs::file_size("/storage/out/kept"), 5u);
     EXPECT_TRUE(fs::is_empty("/storage/out/folder"));
 
+    // A full disk: a file system of one page, taken up.
+    fs::create_directories("/storage/full");
+    ASSERT_EQ(::mount("tmpfs", "/storage/full", "tmpfs", 0, "size=4k"), 0);
+    writeDeviceFile("/storage/full/taken", std::string(4096, 'x'));
     const QString tool = QStringLiteral(RFSI_TEST_RFSYSINFO);
     const std::pair<QString, QString> standardOutputs[] = {
-        {"\"$0\" --check --root \"$1\" --allow-tools >/dev/full", "No space left on device"},
+        {"\"$0\" --check --root \"$1\" --allow-tools >/storage/full/report", "No space left on device"},
         {"\"$0\" --check --root \"$1\" --allow-tools >&-", "Bad file descriptor"},
         {"\"$0\" --capture - --root \"$1\" >&-", "Bad file descriptor"},
+        {"\"$0\" --capture - --root \"$1\" >/storage/full/capture", "No space left on device"},
         {"\"$0\" --json --root \"$1\" | true; exit ${PIPESTATUS[0]}", "Broken pipe"},
     };
     for (const auto &[command, reason] : standardOutputs) {
@@ -315,6 +321,7 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
             << command.toStdString() << "\n"
             << err.toStdString();
     }
+    ::umount("/storage/full");
 }
 
 TEST_F(RfsysinfoTest, MisuseAndUnreadableInputsExitWithOneLineReasonsAtOnce)
