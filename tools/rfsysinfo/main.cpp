@@ -545,6 +545,12 @@ Made madeInChild(const Settings &settings, int reportFd)
         return failed(exitDeviceRoot, QStringLiteral("cannot start the device root: %1").arg(std::strerror(errno)));
     std::fflush(nullptr);
     const pid_t child = ::fork();
+    if (child < 0) {
+        const int error = errno;
+        ::close(fds[0]);
+        ::close(fds[1]);
+        return failed(exitDeviceRoot, QStringLiteral("cannot start the device root: %1").arg(std::strerror(error)));
+    }
     if (child == 0) {
         ::close(fds[0]);
         if (reportFd >= 0)
@@ -565,9 +571,9 @@ Made madeInChild(const Settings &settings, int reportFd)
             break;
     ::close(fds[0]);
     int status = 0;
-    while (child > 0 && ::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    const int exitStatus = child > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : exitDeviceRoot;
+    const int exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : exitDeviceRoot;
     const int separator = framed.indexOf('\0');
     if (separator < 0)
         return {exitStatus, std::nullopt, {}};
