@@ -52,7 +52,59 @@ QJsonObject sectionJson(const Report &report, const QString &name)
     return json;
 }
 
+// A profile's list of accepted values is a value of its own; the report's own lists are images.
+void flatten(const QString &key, const QJsonValue &value, QMap<QString, QJsonValue> &leaves)
+{
+    if (value.isObject()) {
+        const QJsonObject members = value.toObject();
+        for (auto member = members.begin(); member != members.end(); ++member)
+            if (!(key.isEmpty() && member.key() == QLatin1String("identityToolsRun")))
+                flatten(key.isEmpty() ? member.key() : key + '.' + member.key(), member.value(), leaves);
+    } else if (value.isArray() && key == QLatin1String("images")) {
+        for (const QJsonValue &image : value.toArray()) {
+            const QJsonObject fields = image.toObject();
+            for (auto field = fields.begin(); field != fields.end(); ++field)
+                if (field.key() != QLatin1String("index"))
+                    leaves.insert(
+                        QStringLiteral("%1[%2].%3").arg(key).arg(fields.value("index").toInt()).arg(field.key()),
+                        field.value());
+        }
+    } else {
+        leaves.insert(key, value);
+    }
+}
+
 } // namespace
+
+bool inReportOrder(const QString &a, const QString &b)
+{
+    int i = 0, j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (a[i].isDigit() && b[j].isDigit()) {
+            const int startA = i, startB = j;
+            while (i < a.size() && a[i].isDigit())
+                ++i;
+            while (j < b.size() && b[j].isDigit())
+                ++j;
+            const qlonglong numberA = a.mid(startA, i - startA).toLongLong();
+            const qlonglong numberB = b.mid(startB, j - startB).toLongLong();
+            if (numberA != numberB)
+                return numberA < numberB;
+        } else if (a[i] != b[j]) {
+            return a[i] < b[j];
+        } else {
+            ++i, ++j;
+        }
+    }
+    return a.size() - i < b.size() - j;
+}
+
+QMap<QString, QJsonValue> sectionValues(const QJsonValue &section)
+{
+    QMap<QString, QJsonValue> values;
+    flatten({}, section, values);
+    return values;
+}
 
 QJsonObject jsonHeader(const Report &report)
 {

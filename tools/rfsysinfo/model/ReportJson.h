@@ -7,6 +7,7 @@
 
 #include <QJsonObject>
 #include <QJsonValue>
+#include <QMap>
 #include <QStringList>
 
 // The keys every JSON document of the tool starts with: the tool, its version and the source (with a
@@ -23,6 +24,13 @@ QStringList jsonHeaderKeys();
 // sections it has, their values as given (a value it lacks is empty), and its source as the header
 // names it. The document is taken to have the report's shape (read/ReportInput checks it).
 Report reportFromJson(const QJsonObject &document);
+
+// A section's values one by one, keyed as "summary", "banks.FPGA_BANK_2_VER" or "images[1].name"
+// (images by their index); identityToolsRun, which says how the report was made, is left out. The
+// diff and the release profile compare reports so.
+QMap<QString, QJsonValue> sectionValues(const QJsonValue &section);
+// Keys in report order: "images[2].name" before "images[10].name", runs of digits compare as numbers.
+bool inReportOrder(const QString &a, const QString &b);
 
 // A value as a message shows it: texts bare, a list as "a or b", an absent one as "(absent)".
 QString shownValue(const QJsonValue &value);
