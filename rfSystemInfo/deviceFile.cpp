@@ -1,7 +1,7 @@
 #include "deviceFile.h"
-#include "markers.h"
 
 #include "devicePaths.h"
+#include "markers.h"
 
 #include <QHash>
 #include <QMutex>
@@ -206,8 +206,7 @@ const QHash<QString, QString> &parsedValues(int fd, const FileStamp &stamp, cons
 std::optional<QStringList> readIniValues(const QString &path, const QStringList &keys)
 {
     const int fd = paths::openDeviceNode(QFile::encodeName(path).constData());
-    // A dangling link or a link loop is no file either.
-    if (fd < 0 && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG))
+    if (fd < 0 && paths::nothingStandsThere(errno))
         return std::nullopt;
     QStringList values;
     struct stat info;

@@ -5,6 +5,7 @@
 #ifndef RFSYSTEMINFO_DEVICEPATHS_H
 #define RFSYSTEMINFO_DEVICEPATHS_H
 
+#include <cerrno>
 #include <string>
 
 #include <fcntl.h>
@@ -68,6 +69,13 @@ inline std::string thermalZonePath(int sensor)
 inline int openDeviceNode(const char *path)
 {
     return ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+}
+
+// Whether a failed open's `error` means nothing stands at the path for the library: a dangling link or
+// a link loop is no file either.
+inline bool nothingStandsThere(int error)
+{
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
 }
 
 // The descriptor of the regular file at `path` (links followed), or -1: reads then never block and end

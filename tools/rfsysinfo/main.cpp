@@ -28,7 +28,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <optional>
 
 #include <fcntl.h>
@@ -563,12 +562,7 @@ Made madeInChild(const Settings &settings, int reportFd)
     }
     ::close(fds[1]);
     QByteArray framed;
-    char buffer[65536];
-    for (ssize_t count; (count = ::read(fds[0], buffer, sizeof buffer)) != 0;)
-        if (count > 0)
-            framed.append(buffer, static_cast<int>(count));
-        else if (errno != EINTR)
-            break;
+    readUpTo(fds[0], 2 * captureTotalCap, framed); // a capture keeps to its cap, and a report is small
     ::close(fds[0]);
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {

@@ -4,7 +4,6 @@
 #include "model/ReportJson.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
 
 #include <algorithm>
 

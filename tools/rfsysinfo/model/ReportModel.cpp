@@ -291,7 +291,7 @@ QStringList serialNumbersIn(const Report &report)
     return serials;
 }
 
-const QStringList &serialFields()
+bool isSerialField(const QString &section, const QString &key)
 {
     static const QStringList fields = [] {
         QStringList names = {"identity/serialNumber", "identity/rfSerial"};
@@ -300,12 +300,7 @@ const QStringList &serialFields()
                 names << "inventory/" + value.key;
         return names;
     }();
-    return fields;
-}
-
-bool isSerialField(const QString &section, const QString &key)
-{
-    return serialFields().contains(section + '/' + key);
+    return fields.contains(section + '/' + key);
 }
 
 void sanitizeReport(Report &report, const QStringList &serials)

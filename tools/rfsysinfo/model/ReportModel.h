@@ -185,9 +185,7 @@ QStringList serialNumbersIn(const Report &report);
 // A replay shows the instrument's software as the capture recorded it.
 void applyRecordedSoftware(Report &report, const InstrumentSoftware &software);
 
-// The report's keys that hold a serial number, as "section/key": the identity's two, and the
-// inventory's serial keys.
-const QStringList &serialFields();
+// Whether the report's key holds a serial number: the identity's two, and the inventory's serial keys.
 bool isSerialField(const QString &section, const QString &key);
 
 // Replaces the serial fields, and every other field whose whole value is one of the report's serial

@@ -51,9 +51,7 @@ DeviceNode readNode(const QString &path, qint64 copyLimit)
     DeviceNode node{path, NodeKind::Missing, {}, 0, false};
     const int fd = rfsi::paths::openDeviceNode(QFile::encodeName(path).constData());
     if (fd < 0) {
-        // A dangling link or a link loop is no file for the library either.
-        const bool missing = errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
-        node.kind = missing ? NodeKind::Missing : NodeKind::Other;
+        node.kind = rfsi::paths::nothingStandsThere(errno) ? NodeKind::Missing : NodeKind::Other;
         return node;
     }
     struct stat info;
@@ -183,14 +181,19 @@ int openInput(const QString &path, bool foldersWanted, bool &isFolder, QString &
     if (!pathOnly && (S_ISREG(info.st_mode) || (isFolder && foldersWanted)))
         return fd;
     ::close(fd);
-    const char *kind = isFolder                                         ? "a folder"
-                       : S_ISFIFO(info.st_mode)                         ? "a FIFO"
-                       : S_ISSOCK(info.st_mode)                         ? "a socket"
-                       : S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode) ? "a device"
-                                                                        : "no regular file";
     refusal = QStringLiteral("it is %1, not a regular file%2")
-                  .arg(QLatin1String(kind), QLatin1String(foldersWanted ? " or a folder" : ""));
+                  .arg(QLatin1String(nodeKindText(info.st_mode)), QLatin1String(foldersWanted ? " or a folder" : ""));
     return -1;
+}
+
+const char *nodeKindText(mode_t mode)
+{
+    return S_ISLNK(mode)                    ? "a symbolic link"
+           : S_ISDIR(mode)                  ? "a folder"
+           : S_ISFIFO(mode)                 ? "a FIFO"
+           : S_ISSOCK(mode)                 ? "a socket"
+           : S_ISCHR(mode) || S_ISBLK(mode) ? "a device"
+                                            : "no regular file";
 }
 
 bool readUpTo(int fd, qint64 limit, QByteArray &content)

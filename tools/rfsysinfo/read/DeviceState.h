@@ -14,6 +14,8 @@
 
 #include <optional>
 
+#include <sys/types.h>
+
 class rfSystemInfo;
 
 // What stands at a fixed path. The library reads anything but a regular file as present and
@@ -64,6 +66,9 @@ bool readUpTo(int fd, qint64 limit, QByteArray &content);
 // nothing can be swapped in between. The descriptor of a regular file, or of a folder where folders
 // are wanted (`isFolder` tells which); else -1 and why ("it is a FIFO, not a regular file").
 int openInput(const QString &path, bool foldersWanted, bool &isFolder, QString &refusal);
+
+// What a node that is no regular file is, as a refusal names it: "a FIFO", "a symbolic link", ...
+const char *nodeKindText(mode_t mode);
 
 // The paths of every file a capture copies, sorted.
 QStringList capturedFilePaths();

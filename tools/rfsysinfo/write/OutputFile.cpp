@@ -1,5 +1,7 @@
 #include "write/OutputFile.h"
 
+#include "read/DeviceState.h"
+
 #include <QFile>
 #include <QFileInfo>
 
@@ -27,13 +29,7 @@ QString targetRefusal(int folderFd, const QByteArray &name)
         return {};
     if (S_ISREG(info.st_mode))
         return {};
-    const char *kind = S_ISLNK(info.st_mode)                            ? "a symbolic link"
-                       : S_ISDIR(info.st_mode)                          ? "a folder"
-                       : S_ISFIFO(info.st_mode)                         ? "a FIFO"
-                       : S_ISSOCK(info.st_mode)                         ? "a socket"
-                       : S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode) ? "a device"
-                                                                        : "no regular file";
-    return QStringLiteral("it is %1, not a regular file; left as it is").arg(QLatin1String(kind));
+    return QStringLiteral("it is %1, not a regular file; left as it is").arg(QLatin1String(nodeKindText(info.st_mode)));
 }
 
 } // namespace

@@ -3,7 +3,6 @@
 #include "devicePaths.h"
 #include "model/ReportJson.h"
 
-#include <QJsonArray>
 #include <QJsonDocument>
 
 #include <algorithm>
