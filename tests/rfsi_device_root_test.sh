@@ -17,58 +17,17 @@ mkdir -p "$work.empty"
 grep -qx "rfsysinfo: warning: $work.empty holds none of the files the library reads" "$work.warning" ||
     { echo "FAIL: no warning for an empty tree:"; cat "$work.warning"; status=1; }
 
-# A copied tree's program tries to reach the host from inside the device root: through every /proc
-# path of every other process (its root, folder, descriptors, memory), every writable mount, the
-# kernel's settings, device nodes, remounts, links in the tree that point out of it, and keystrokes
-# injected into every terminal it can open (TIOCSTI). It runs under rfsi-device-root, and as the tree's
-# identity tool under rfsysinfo, which writes its report into a host folder from a terminal. Every try
-# must fail and the host's file stay as it was.
+# A copied tree's program reaches for a host file from inside (tests/attacker-tree/bin/getSicutil),
+# under rfsi-device-root and as the tree's identity tool under rfsysinfo, which writes its report into a
+# host folder from a terminal. Every try must fail and the host's file stay as it was.
 rm -rf "$work"
-mkdir -p "$work/tree/storage" "$work/tree/bin" "$work/tree/sys/class/thermal" "$work/reports"
-host_file=$work/host-file
-echo untouched > "$host_file"
-ln -s "$host_file" "$work/tree/storage/absolute-link"
-ln -s "../../../../../../../../..$host_file" "$work/tree/storage/relative-link"
-cat > "$work/tree/bin/getSicutil" <<'ATTACK'
-#!/bin/sh
-host_file=HOST_FILE
-try() { # try PATH: write through PATH; says whether it was written
-    if reason=$( (echo escaped > "$1") 2>&1); then echo "WRITTEN $1"; else echo "refused $1: ${reason##*: }"; fi
-}
-inject='open(my $t, "+<", $ARGV[0]) or exit 1; ioctl($t, 0x5412, "x") or exit 1' # TIOCSTI
-try "$host_file"
-for process in /proc/[0-9]*; do
-    read -r _ _ _ _ _ session _ < "$process/stat" || continue
-    [ "$process" = /proc/$$ ] || [ "$session" = $$ ] && continue # this program and its own children
-    try "$process/root$host_file"
-    try "$process/cwd$host_file"
-    head -c 1 "$process/environ" >/dev/null 2>&1 && echo "READ $process/environ"
-    for descriptor in "$process"/fd/*; do
-        try "$descriptor$host_file"
-        try "$descriptor/escape"
-        perl -e "$inject" "$descriptor" 2>/dev/null && echo "INJECTED $descriptor"
-    done
-done
-for terminal in /dev/tty /dev/stdin /dev/stdout /dev/stderr; do
-    perl -e "$inject" "$terminal" 2>/dev/null && echo "INJECTED $terminal"
-done
-while read -r _ _ _ _ point options _; do
-    case ",$options," in *,rw,*) try "$point$host_file" ;; esac
-done < /proc/self/mountinfo
-try /storage/absolute-link
-try /storage/relative-link
-try /proc/sys/kernel/hostname
-try /proc/sysrq-trigger
-try /sys/kernel-probe
-try /dev/probe
-mount -o remount,rw /etc 2>/dev/null && echo "WRITTEN remount of /etc" || echo "refused remount of /etc"
-mount -t proc proc /storage 2>/dev/null && echo "WRITTEN a mount of the host's /proc" || echo "refused mount of a proc"
-mknod /tmp/disk b 8 0 2>/dev/null && echo "WRITTEN a block device node" || echo "refused mknod of a disk"
-echo "processes visible: $(ls -d /proc/[0-9]* | wc -l); devices: $(ls /dev | tr '\n' ' ')"
-ATTACK
-sed -i "s|HOST_FILE|$host_file|" "$work/tree/bin/getSicutil"
-chmod +x "$work/tree/bin/getSicutil"
-
+mkdir -p "$work/reports"
+cp -a "$(dirname "$0")/attacker-tree" "$work/tree"
+export RFSI_HOST_FILE="$work/host-file"
+echo untouched > "$RFSI_HOST_FILE"
+mkdir "$work/tree/storage"
+ln -s "$RFSI_HOST_FILE" "$work/tree/storage/absolute-link"
+ln -s "../../../../../../../../..$RFSI_HOST_FILE" "$work/tree/storage/relative-link"
 "$device_root" --tree "$work/tree" -- /bin/getSicutil > "$work/tries" 2>&1 || true
 script -qec "'$rfsysinfo' --root '$work/tree' --allow-tools --section identity --output '$work/reports/report.txt'" \
     /dev/null </dev/null >"$work/terminal" 2>&1 || true
@@ -78,7 +37,7 @@ grep -q 'refused /proc/[0-9]*/fd/[0-9]*/escape' "$work/reports/report.txt" ||
     { echo "FAIL: rfsysinfo's descriptors were not tried"; status=1; }
 grep -Eq 'WRITTEN|READ|INJECTED' "$work/tries" "$work/reports/report.txt" &&
     { echo "FAIL: a try reached what it must not"; status=1; }
-[ "$(cat "$host_file")" = untouched ] || { echo "FAIL: the host's file was changed"; status=1; }
+[ "$(cat "$RFSI_HOST_FILE")" = untouched ] || { echo "FAIL: the host's file was changed"; status=1; }
 [ "$(ls "$work/reports")" = report.txt ] || { echo "FAIL: the tree's tool wrote into the host folder"; status=1; }
 
 # While a tree's program runs, no process of rfsysinfo holds anything of the output's folder open.
