@@ -1,7 +1,6 @@
 // The command runner with real child programs: arguments, the debug line, what a tool inherits, its
 // whole output, the time-out, process groups, and the order of the identity tools. (How their output
 // is simplified is a device case: tests/devices/identity-output-*.)
-#include "DeviceRoot.h"
 #include "DeviceTest.h"
 #include "rfSystem_Info.h"
 
@@ -16,6 +15,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -81,40 +81,19 @@ struct sigaction callerDisposition()
 }
 
 // Another thread of the caller that forks all the while (up to 100 children): each child holds a copy
-// of every descriptor the caller has open at that moment (a tool's pipes among them) for
-// `holdSeconds`, as a child between fork and exec may.
-class ForkingThread
+// of every descriptor the caller has open at that moment (a tool's pipes among them), as a child
+// between fork and exec may, until that thread ends.
+void forkAllTheWhile(const std::atomic<bool> &stop)
 {
-public:
-    explicit ForkingThread(unsigned holdSeconds)
-        : thread([this, holdSeconds] {
-              while (!stop && children.size() < 100) {
-                  const pid_t child = ::fork();
-                  if (child == 0) {
-                      ::sleep(holdSeconds);
-                      ::_exit(0);
-                  }
-                  if (child > 0)
-                      children.push_back(child);
-                  std::this_thread::sleep_for(std::chrono::microseconds(500));
-              }
-          })
-    {}
-    ~ForkingThread()
-    {
-        stop = true;
-        thread.join();
-        for (pid_t child : children) {
-            ::kill(child, SIGKILL);
-            ::waitpid(child, nullptr, 0);
+    for (int child = 0; child < 100 && !stop; ++child) {
+        if (::fork() == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            ::sleep(10);
+            ::_exit(0);
         }
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
     }
-
-private:
-    std::atomic<bool> stop{false};
-    std::vector<pid_t> children;
-    std::thread thread;
-};
+}
 
 } // namespace
 
@@ -201,16 +180,17 @@ echo "$RFSI_CALLER_MARK $(pwd)")sh");
                 }
                 QStringList answers;
                 qint64 longestMs = 0;
-                {
-                    const ForkingThread forking(10);
-                    // A bare name is searched in PATH.
-                    for (int run = 0; run < 10; ++run)
-                        longestMs = std::max(longestMs, millisecondsOf([&] {
-                                                 answers << caller.executeCmd("tool", std::to_string(run) + " " +
-                                                                                          std::to_string(descriptor));
-                                             }));
-                    answers << caller.executeCmd("/bin/mask", "");
-                }
+                std::atomic<bool> stop{false};
+                std::thread forking(forkAllTheWhile, std::cref(stop));
+                // A bare name is searched in PATH.
+                for (int run = 0; run < 10; ++run)
+                    longestMs = std::max(longestMs, millisecondsOf([&] {
+                                             answers << caller.executeCmd("tool", std::to_string(run) + " " +
+                                                                                      std::to_string(descriptor));
+                                         }));
+                answers << caller.executeCmd("/bin/mask", "");
+                stop = true;
+                forking.join();
                 for (int fd = 0; fd < 3; ++fd)
                     ::dup3(saved[fd], fd, 0);
                 for (int run = 0; run < 10; ++run)
@@ -248,54 +228,53 @@ TEST_F(CommandRunnerTest, OutputHasNoLimitButTheTimeOutAndStandardErrorIsNeverKe
     });
 }
 
-TEST_F(CommandRunnerTest, ToolsThatMisbehaveQuicklyLeaveNothingBehind)
+// Each case a tool of its own, side by side: those that hang wait out the 8000 ms bound.
+TEST_F(CommandRunnerTest, ToolsThatMisbehaveAreEndedInTimeAndLeaveNothingBehind)
 {
-    const std::pair<const char *, const char *> cases[] = {
-        {"is missing", nullptr},
-        {"starts a child that keeps its output open", "sleep 60 & echo $! > /tmp/child.pid; echo KV7"},
-        {"starts a child of its own session", "setsid sleep 5 & echo KV7"},
-        {"is killed by a signal", "echo KV7; kill -9 $$; echo never"},
+    const struct
+    {
+        const char *tool, *script, *answer;
+        qint64 fromMs, toMs;
+    } cases[] = {
+        {"/bin/missing", nullptr, "", 0, 3000},
+        {"/bin/keeps-output-open", "sleep 60 & echo $! > /tmp/${0##*/}.pid; echo KV7", "KV7", 0, 3000},
+        {"/bin/own-session-child", "setsid sleep 5 & echo KV7", "KV7", 0, 3000},
+        {"/bin/killed", "echo KV7; kill -9 $$; echo never", "KV7", 0, 3000},
+        {"/bin/silent", "exec >&-; echo $$ > /tmp/${0##*/}.pid; exec sleep 60", "", 7500, 10000},
+        // An answer, even from a hanging tool, ends the search for the model.
+        {"/bin/getSicutil", "printf 'KV7-partial\\n'; echo $$ > /tmp/${0##*/}.pid; exec sleep 60", "KV7-partial",
+         7500, 10000},
     };
-    for (const auto &[description, script] : cases) {
-        SCOPED_TRACE(description);
-        deviceroot::reset();
-        if (script)
-            installTool("/bin/tool", script);
-        const QString expected = script ? "KV7" : "";
-        EXPECT_LT(millisecondsOf([&] { EXPECT_EQ(info.executeCmd("/bin/tool", "x"), expected); }), 3000);
-        if (fs::exists("/tmp/child.pid")) {
-            EXPECT_FALSE(running("/tmp/child.pid"));
-        }
-    }
-}
-
-TEST_F(CommandRunnerTest, ToolsThatHangAreKilledAfterTheTimeOut)
-{
-    // Both cases wait out the 8000 ms bound, so they run side by side.
-    installTool("/bin/getSicutil", "printf 'KV7-partial\\n'; echo $$ > /tmp/first.pid; exec sleep 60");
     installTool("/usr/bin/sicutil", "touch /tmp/second.ran");
-    installTool("/bin/silent", "exec >&-; echo $$ > /tmp/silent.pid; exec sleep 60");
-    QString model, silent;
-    qint64 modelMs = 0, silentMs = 0;
+    QString answers[std::size(cases)];
+    qint64 elapsedMs[std::size(cases)] = {};
+    std::vector<std::thread> threads;
     rusage before{}, after{};
     ::getrusage(RUSAGE_SELF, &before);
-    std::thread first([&] { modelMs = millisecondsOf([&] { model = info.getSystemModel(); }); });
-    std::thread second([&] { silentMs = millisecondsOf([&] { silent = info.executeCmd("/bin/silent", "x"); }); });
-    first.join();
-    second.join();
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        if (cases[i].script)
+            installTool(cases[i].tool, cases[i].script);
+        threads.emplace_back([&, i] {
+            const std::string tool = cases[i].tool;
+            elapsedMs[i] = millisecondsOf(
+                [&] { answers[i] = tool == "/bin/getSicutil" ? info.getSystemModel() : info.executeCmd(tool, "x"); });
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
     ::getrusage(RUSAGE_SELF, &after);
     const auto cpuMs = [](const rusage &usage) {
         return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
                (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
     };
     EXPECT_LT(cpuMs(after) - cpuMs(before), 1000) << "milliseconds of CPU while waiting: no busy waiting";
-    EXPECT_EQ(model, "KV7-partial");
-    EXPECT_FALSE(fs::exists("/tmp/second.ran")) << "an answer, even from a hanging tool, ends the search";
-    EXPECT_EQ(silent, "");
-    for (qint64 ms : {modelMs, silentMs}) {
-        EXPECT_GE(ms, 7500);
-        EXPECT_LT(ms, 10000);
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(cases[i].tool);
+        EXPECT_EQ(answers[i], cases[i].answer);
+        EXPECT_GE(elapsedMs[i], cases[i].fromMs);
+        EXPECT_LT(elapsedMs[i], cases[i].toMs);
+        const std::string pidFile = "/tmp/" + fs::path(cases[i].tool).filename().string() + ".pid";
+        EXPECT_FALSE(fs::exists(pidFile) && running(pidFile));
     }
-    EXPECT_FALSE(running("/tmp/first.pid"));
-    EXPECT_FALSE(running("/tmp/silent.pid"));
+    EXPECT_FALSE(fs::exists("/tmp/second.ran"));
 }
