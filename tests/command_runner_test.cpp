@@ -242,8 +242,8 @@ TEST_F(CommandRunnerTest, ToolsThatMisbehaveAreEndedInTimeAndLeaveNothingBehind)
         {"/bin/killed", "echo KV7; kill -9 $$; echo never", "KV7", 0, 3000},
         {"/bin/silent", "exec >&-; echo $$ > /tmp/${0##*/}.pid; exec sleep 60", "", 7500, 10000},
         // An answer, even from a hanging tool, ends the search for the model.
-        {"/bin/getSicutil", "printf 'KV7-partial\\n'; echo $$ > /tmp/${0##*/}.pid; exec sleep 60", "KV7-partial",
-         7500, 10000},
+        {"/bin/getSicutil", "printf 'KV7-partial\\n'; echo $$ > /tmp/${0##*/}.pid; exec sleep 60", "KV7-partial", 7500,
+         10000},
     };
     installTool("/usr/bin/sicutil", "touch /tmp/second.ran");
     QString answers[std::size(cases)];
