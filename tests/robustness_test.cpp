@@ -8,9 +8,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <thread>
 
 #include <malloc.h>
@@ -50,33 +50,20 @@ Usage currentUsage()
     return usage;
 }
 
-// Every entry below the fixed paths with its type, mode, size and time; content too, except for the
-// host's programs that /bin and /usr/bin show.
-std::map<std::string, std::string> deviceSnapshot()
+// Every entry below the fixed paths with its type, mode, size and time, and a digest of each file's
+// content but the host's programs that /bin and /usr/bin show. The source and build trees may be shown
+// inside /tmp; they are not the device.
+std::string deviceSnapshot()
 {
-    std::map<std::string, std::string> snapshot;
-    for (const char *root : {"/tmp", "/storage", "/Dsp", "/DspCpri", "/sys/class/thermal", "/bin", "/usr/bin"}) {
-        const bool programs = std::string(root).find("bin") != std::string::npos;
-        for (auto entry = fs::recursive_directory_iterator(root); entry != fs::recursive_directory_iterator();
-             ++entry) {
-            // The source and build trees may be shown inside /tmp; they are not the device.
-            const std::string path = entry->path().string() + "/";
-            if (std::string(RFSI_TEST_SOURCE_DIR "/").rfind(path, 0) == 0 ||
-                std::string(RFSI_TEST_BINARY_DIR "/").rfind(path, 0) == 0) {
-                entry.disable_recursion_pending();
-                continue;
-            }
-            struct stat info = {};
-            ::lstat(entry->path().c_str(), &info);
-            std::string state = std::to_string(info.st_mode) + " " + std::to_string(info.st_size) + " " +
-                                std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec);
-            if (S_ISREG(info.st_mode) && (!programs || info.st_size < 4096)) {
-                std::ifstream file(entry->path(), std::ios::binary);
-                state += " " + std::string(std::istreambuf_iterator<char>(file), {});
-            }
-            snapshot[entry->path()] = state;
-        }
-    }
+    const std::string find =
+        "find /tmp /storage /Dsp /DspCpri /sys/class/thermal /bin /usr/bin \\( -path '" RFSI_TEST_SOURCE_DIR
+        "' -o -path '" RFSI_TEST_BINARY_DIR "' \\) -prune -o -printf '%p %y %m %s %T@\\n' \\( -type f ! -path "
+        "'*bin/*' -o -type f -size -4096c \\) -exec md5sum {} + | sort";
+    std::string snapshot;
+    FILE *listing = ::popen(find.c_str(), "r");
+    for (int c; listing && (c = std::fgetc(listing)) != EOF;)
+        snapshot += static_cast<char>(c);
+    EXPECT_EQ(listing ? ::pclose(listing) : -1, 0);
     return snapshot;
 }
 
