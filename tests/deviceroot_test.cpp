@@ -46,42 +46,35 @@ class DeviceRootTest : public DeviceTest
 {
 };
 
-// Device folders start empty and writable; /bin and /usr/bin show the host's programs and take writes
-// each on its own; the host's system folders are read-only, and no other host path is there (/var
-// and /home exist on every Debian host).
-TEST_F(DeviceRootTest, TheRootShowsOnlyWhatItWasBuiltWith)
-{
-    for (const std::string &folder : deviceroot::deviceFolders()) {
-        ASSERT_TRUE(fs::is_directory(folder)) << folder;
-        EXPECT_EQ(ownEntries(folder), std::vector<std::string>()) << folder;
-        EXPECT_TRUE(canCreate(folder + "/probe")) << folder;
-    }
-    EXPECT_TRUE(fs::exists("/bin/sh") && fs::exists("/usr/bin/sh"));
-    writeDeviceFile("/bin/getSicutil", "#!/bin/sh\n", 0755);
-    EXPECT_FALSE(fs::exists("/usr/bin/getSicutil")) << "/bin and /usr/bin must be separate device folders";
-    for (const char *path : {"/usr/probe", "/etc/probe", "/dev/probe"}) {
-        EXPECT_FALSE(canCreate(path)) << path;
-        EXPECT_EQ(errno, EROFS) << path;
-    }
-    for (const char *path : {"/var", "/home", "/sys/class/net"})
-        EXPECT_FALSE(fs::exists(path)) << path;
-}
-
-TEST_F(DeviceRootTest, ResetDropsEveryWriteAndRestoresRemovedPrograms)
+// A reset drops every write and brings back removed programs: the device folders are empty and
+// writable again; /bin and /usr/bin show the host's programs and take writes each on its own; the
+// host's system folders are read-only, and no other host path is there (/var and /home exist on every
+// Debian host).
+TEST_F(DeviceRootTest, TheRootShowsOnlyWhatItWasBuiltWithAgainAfterAReset)
 {
     ASSERT_TRUE(fs::remove("/usr/bin/true"));
-    writeDeviceFile("/bin/getSicutil", "tool");
+    writeDeviceFile("/bin/getSicutil", "#!/bin/sh\n", 0755);
+    EXPECT_FALSE(fs::exists("/usr/bin/getSicutil")) << "/bin and /usr/bin must be separate device folders";
     writeDeviceFile("/storage/deep/folder/file", "x");
     writeDeviceFile("/tmp/SystemInventoryInfo.info", "x");
     writeDeviceFile("/sys/class/thermal/thermal_zone0/temp", "45200\n");
 
     deviceroot::reset();
 
-    EXPECT_TRUE(fs::exists("/usr/bin/true"));
+    EXPECT_TRUE(fs::exists("/usr/bin/true") && fs::exists("/bin/sh") && fs::exists("/usr/bin/sh"));
     EXPECT_FALSE(fs::exists("/bin/getSicutil"));
-    for (const std::string &folder : deviceroot::deviceFolders())
-        EXPECT_EQ(ownEntries(folder), std::vector<std::string>()) << folder;
     EXPECT_TRUE(fs::exists(RFSI_TEST_BINARY_DIR)) << "reset must leave the shown trees alone";
+    for (const std::string &folder : deviceroot::deviceFolders()) {
+        ASSERT_TRUE(fs::is_directory(folder)) << folder;
+        EXPECT_EQ(ownEntries(folder), std::vector<std::string>()) << folder;
+        EXPECT_TRUE(canCreate(folder + "/probe")) << folder;
+    }
+    for (const char *path : {"/usr/probe", "/etc/probe", "/dev/probe"}) {
+        EXPECT_FALSE(canCreate(path)) << path;
+        EXPECT_EQ(errno, EROFS) << path;
+    }
+    for (const char *path : {"/var", "/home", "/sys/class/net"})
+        EXPECT_FALSE(fs::exists(path)) << path;
 }
 
 TEST_F(DeviceRootTest, DeviceTreeSeedsTheFixedPathsWithoutBeingChanged)
