@@ -324,62 +324,31 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
     ::umount("/storage/full");
 }
 
+// The cases of tests/misuse.tsv: inputs that are no file to read are refused on the open descriptor,
+// never waited on.
 TEST_F(RfsysinfoTest, MisuseAndUnreadableInputsExitWithOneLineReasonsAtOnce)
 {
-    // Inputs that are no file to read: refused on the open descriptor, never waited on.
     ASSERT_EQ(::mkfifo("/storage/fifo", 0644), 0);
     const int listening = ::socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, "/storage/socket");
     ASSERT_EQ(::bind(listening, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    const QString fifo = "/storage/fifo", socket = "/storage/socket";
-    struct Case
-    {
-        QStringList arguments;
-        QString message;
-        int status = 2;
-    };
-    const Case cases[] = {
-        {{"--bogus"}, "Unknown option 'bogus'."},
-        {{"--section", "nope"}, "unknown section 'nope'"},
-        {{"extra-argument"}, "unexpected argument 'extra-argument'"},
-        {{"--root"}, "Missing value after '--root'."},
-        {{"--root", "/storage/a", "--root", "/storage/b"}, "--root is given more than once"},
-        {{"--output", ""}, "--output needs a value, not an empty one"},
-        {{"--output", "--root", "/storage/a"}, "--output needs a value, not the option '--root'"},
-        {{"--allow-tools"}, "--allow-tools goes with --root DIR"},
-        {{"--allow-tools", "--root", sampleDevice + "/tmp/SystemInventoryInfo.info"},
-         "--allow-tools goes with a device tree, not a capture"},
-        {{"--capture", "/storage/c.tgz", "--json"}, "--capture takes the whole device"},
-        {{"--metrics", "--json"}, "--metrics is a format of its own"},
-        {{"--check", "--section", "rf"}, "--check and --metrics take the whole report"},
-        {{"--strict"}, "--strict and --max-calibration-age go with --check"},
-        {{"--check", "--max-calibration-age", "soon"}, "--max-calibration-age takes a whole number, not 'soon'"},
-        {{"--check", "--max-calibration-age", "99999999999999999999"}, "is out of range (0 to 36500)"},
-        {{"--check", "--critical-temperature", "1e9"}, "--critical-temperature takes a number, not '1e9'"},
-        {{"--check", "--critical-temperature", "400"}, "--critical-temperature 400 is out of range (-100 to 300)"},
-        {{"--critical-temperature", "80"}, "--critical-temperature goes with --check or --metrics"},
-        {{"--expect", "/storage/release.json"}, "--expect goes with --check or --metrics"},
-        {{"--diff"}, "--diff takes BEFORE and at most AFTER"},
-        {{"--diff", "a", "b", "c"}, "--diff takes BEFORE and at most AFTER"},
-        {{"--diff", "a", "b", "--root", "c"}, "--diff BEFORE AFTER takes no --root"},
-        {{"--diff", "a", "--check"}, "--diff is a report of its own"},
-        {{"--root", "/storage/no-such-tree"}, "cannot read /storage/no-such-tree: No such file or directory", 3},
-        {{"--diff", "/storage/no-such-tree", "--root", "/storage"}, "cannot read BEFORE (/storage/no-such-tree)", 3},
-        {{"--root", fifo}, "cannot read /storage/fifo: it is a FIFO, not a regular file or a folder", 3},
-        {{"--diff", fifo, "--root", "/storage"}, "cannot read BEFORE (/storage/fifo): it is a FIFO", 3},
-        {{"--diff", "/storage", socket}, "cannot read AFTER (/storage/socket): it is a socket", 3},
-        {{"--check", "--expect", fifo}, "refused the release profile /storage/fifo: it is a FIFO"},
-        {{"--check", "--expect", "/storage"}, "refused the release profile /storage: it is a folder"},
-    };
-    for (const auto &[arguments, message, status] : cases) {
-        const ToolRun run = rfsysinfo(arguments);
-        EXPECT_EQ(run.status, status) << arguments.join(' ').toStdString();
+    QFile table(QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/misuse.tsv"));
+    ASSERT_TRUE(table.open(QIODevice::ReadOnly));
+    int cases = 0;
+    for (const QString &line : QString::fromUtf8(table.readAll()).replace("$SAMPLE", sampleDevice).split('\n')) {
+        const QStringList fields = line.split('\t');
+        if (line.startsWith('#') || fields.size() < 3)
+            continue;
+        ++cases;
+        const ToolRun run = rfsysinfo(fields.mid(2));
+        EXPECT_EQ(run.status, fields[0].toInt()) << line.toStdString();
         EXPECT_EQ(run.out, "");
-        EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.contains(message) && run.err.count('\n') == 1)
-            << arguments.join(' ').toStdString() << ": " << run.err.toStdString();
+        EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.contains(fields[1]) && run.err.count('\n') == 1)
+            << line.toStdString() << ": " << run.err.toStdString();
     }
+    EXPECT_GE(cases, 30);
     ::close(listening);
 }
 
