@@ -143,26 +143,6 @@ TEST_F(RfsysinfoTest, TheMachinesToolsNeverAnswerForATreeOrACapture)
     EXPECT_TRUE(fs::exists(sampleDevice.toStdString() + "/bin/getSicutil")) << "a tree must stay as it is";
 }
 
-TEST_F(RfsysinfoTest, ACaptureOfThisInstrumentReplaysItsReport)
-{
-    installSampleDevice(); // the test's own device is the instrument here
-    captureOf({});
-    QJsonObject replayed = parsedJson(rfsysinfo({"--json", "--root", capturePath}));
-    QJsonObject device = parsedJson(rfsysinfo({"--json"}));
-    EXPECT_EQ(replayed.take("deviceTree"), capturePath);
-    EXPECT_TRUE(device.take("deviceTree").isNull());
-    QJsonObject origin = replayed.take("capture").toObject();
-    EXPECT_LT(std::abs(QDateTime::fromString(origin.take("captured").toString(), Qt::ISODate)
-                           .secsTo(QDateTime::currentDateTimeUtc())),
-              60);
-    EXPECT_EQ(origin, QJsonObject({{"source", "instrument"},
-                                   {"sourceTree", QJsonValue()},
-                                   {"toolVersion", RFSI_TEST_PACKAGE_VERSION},
-                                   {"softwareRecorded", true},
-                                   {"truncated", QJsonArray()}}));
-    EXPECT_EQ(replayed, device);
-}
-
 TEST_F(RfsysinfoTest, AFileOfExactlyTheCapIsCapturedWholeAndOneByteMoreIsCutAndNamed)
 {
     std::string content = "2025-01-01 cal\n";
@@ -174,28 +154,44 @@ TEST_F(RfsysinfoTest, AFileOfExactlyTheCapIsCapturedWholeAndOneByteMoreIsCutAndN
         const bool cut = size > (qint64{16} << 20);
         EXPECT_EQ(recorded["truncated"], cut) << size;
         EXPECT_EQ(recorded["size"], 16 << 20) << size;
+        const QDateTime captured = QDateTime::fromString(manifestOfCapture()["captured"].toString(), Qt::ISODate);
+        EXPECT_LT(std::abs(captured.secsTo(QDateTime::currentDateTimeUtc())), 60) << "the time of the capture";
         const ToolRun replay = rfsysinfo({"--root", capturePath, "--section", "calibration"});
         EXPECT_EQ(replay.out.contains("truncated by the capture: /bin/thirdAmpOffset.dat"), cut) << size;
         EXPECT_TRUE(replay.out.contains("OK(2025-01-01 cal)")) << replay.out.toStdString();
     }
 }
 
-// The same device at the same time gives the same bytes; at another time only the manifest differs.
-// Entries come sorted after the manifest, owned by root, mode 0644.
-TEST_F(RfsysinfoTest, CapturesOfAnUnchangedDeviceDifferOnlyInTheManifestsTime)
+// A capture of this instrument replays its report. The same device at the same time gives the same
+// bytes; at another time only the manifest differs. Entries come sorted after the manifest, owned by
+// root, mode 0644.
+TEST_F(RfsysinfoTest, ACaptureReplaysTheInstrumentAndDiffersOnlyInTheManifestsTime)
 {
+    installSampleDevice(); // the test's own device is the instrument here
     auto capturedBytes = [](const QString &epoch) {
-        captureOf(sampleWithTools, epoch);
+        captureOf({}, epoch);
         QFile file(capturePath);
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     };
     const QByteArray first = capturedBytes("1700000000");
     sleep(1); // a time that leaks in anywhere (the gzip header) then shows
     EXPECT_EQ(capturedBytes("1700000000"), first) << "same device, same time: the same bytes";
+    QJsonObject replayed = parsedJson(rfsysinfo({"--json", "--root", capturePath}));
+    QJsonObject device = parsedJson(rfsysinfo({"--json"}));
+    EXPECT_EQ(replayed.take("deviceTree"), capturePath);
+    EXPECT_TRUE(device.take("deviceTree").isNull());
+    EXPECT_EQ(replayed.take("capture"), QJsonObject({{"source", "instrument"},
+                                                     {"sourceTree", QJsonValue()},
+                                                     {"captured", "2023-11-14T22:13:20Z"},
+                                                     {"toolVersion", RFSI_TEST_PACKAGE_VERSION},
+                                                     {"softwareRecorded", true},
+                                                     {"truncated", QJsonArray()}}));
+    EXPECT_EQ(replayed, device);
+
     const QStringList listing = tarOf({"--numeric-owner", "--full-time", "-tvz"}).split('\n', Qt::SkipEmptyParts);
     const QString contents = tarOf({"-xOz", "--exclude=capture.json"});
     QJsonObject early = manifestOfCapture();
-    captureOf(sampleWithTools, "1800000000");
+    captureOf({}, "1800000000");
     QJsonObject late = manifestOfCapture();
     ASSERT_GT(listing.size(), 20);
     EXPECT_EQ(tarOf({"--numeric-owner", "--full-time", "-tvz"}).split('\n', Qt::SkipEmptyParts).mid(1), listing.mid(1));
