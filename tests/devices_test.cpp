@@ -85,27 +85,39 @@ void listDifferences(const QJsonValue &expected, const QJsonValue &actual, const
     }
 }
 
-// With a release profile: the check against it. With a side to compare with: the differences.
-void listReleaseAndDiff(const fs::path &caseFolder, const QStringList &source, QStringList &differences)
+// The judgements a case may expect: the check, the check against its release profile, and the
+// differences from its other side (its exit status 0 when there are none, else 1); the exit status of
+// a check follows its verdict.
+void listJudgementDifferences(const fs::path &caseFolder, const QStringList &source, QStringList &differences)
 {
-    if (fs::exists(caseFolder / "expected-release.json")) {
-        const QJsonObject expected = jsonFile(caseFolder / "expected-release.json");
-        const ToolRun run =
-            rfsysinfo(QStringList{"--check", "--json", "--expect"} + namedFile(caseFolder / "profile") + source);
-        listDifferences(expected, parsedJson(run).value("check"), "/release", differences);
-        EXPECT_EQ(run.status, expected.value("verdict") == "pass" ? 0 : 1) << run.err.toStdString();
-    }
-    if (fs::exists(caseFolder / "expected-diff.json")) {
-        const QJsonArray expected = jsonDocument(caseFolder / "expected-diff.json").array();
-        const QStringList diff = QStringList{"--diff"} + namedFile(caseFolder / "diff-before") + source;
-        const ToolRun run = rfsysinfo(diff + QStringList{"--json"});
-        listDifferences(expected, parsedJson(run).value("diff").toObject().value("differences"), "/diff", differences);
-        EXPECT_EQ(run.status, expected.isEmpty() ? 0 : 1) << run.err.toStdString();
-        // The text: a line a difference, "(absent)" for a value on one side only, and the count.
-        const ToolRun text = rfsysinfo(diff);
-        EXPECT_EQ(text.out.count('\n'), expected.size() + 1) << text.out.toStdString();
-        EXPECT_EQ(text.out.contains(" (absent)"), QJsonDocument(expected).toJson().contains("null"))
-            << text.out.toStdString();
+    const struct
+    {
+        const char *expectedFile, *namedFile;
+        QStringList options, place;
+    } judgements[] = {
+        {"expected-check.json", nullptr, {"--check"}, {"check"}},
+        {"expected-release.json", "profile", {"--check", "--expect"}, {"check"}},
+        {"expected-diff.json", "diff-before", {"--diff"}, {"diff", "differences"}},
+    };
+    for (const auto &[expectedFile, named, options, place] : judgements) {
+        const QJsonDocument expected = jsonDocument(caseFolder / expectedFile);
+        if (expected.isNull())
+            continue;
+        const QStringList arguments = options + (named ? namedFile(caseFolder / named) : QStringList()) + source;
+        const ToolRun run = rfsysinfo(arguments + QStringList{"--json"});
+        QJsonValue actual = parsedJson(run);
+        for (const QString &key : place)
+            actual = actual[key];
+        listDifferences(expected.isArray() ? QJsonValue(expected.array()) : expected.object(), actual,
+                        "/" + place.join('/'), differences);
+        const bool passes = expected.isArray() ? expected.array().isEmpty() : expected["verdict"] == "pass";
+        EXPECT_EQ(run.status, passes ? 0 : 1) << expectedFile << ": " << run.err.toStdString();
+        if (expected.isArray()) {
+            // The text: a line a difference, "(absent)" for a value on one side only, and the count.
+            const QString text = rfsysinfo(arguments).out;
+            EXPECT_EQ(text.count('\n'), expected.array().size() + 1) << text.toStdString();
+            EXPECT_EQ(text.contains(" (absent)"), expected.toJson().contains("null")) << text.toStdString();
+        }
     }
 }
 
@@ -161,28 +173,17 @@ TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACap
         SCOPED_TRACE(folder.path().filename().string());
         const QJsonObject expected = merged(jsonFile(caseFolders / "missing-files" / "expected.json"),
                                             jsonFile(folder.path() / "expected.json"));
-        QList<QStringList> sources;
+        // A capture of the tree, or of a case's capture replayed, is the same device again.
+        const QStringList given =
+            fs::exists(folder.path() / "capture.tgz")
+                ? QStringList{"--root", QString::fromStdString((folder.path() / "capture.tgz").string())}
+                : QStringList{"--root", preparedTree(folder.path())} + argumentsOf(folder.path());
         const QString capture = QStringLiteral("/storage/capture.tgz");
-        if (fs::exists(folder.path() / "capture.tgz")) {
-            // A capture of the replay is the same device again.
-            const QStringList given = {"--root", QString::fromStdString((folder.path() / "capture.tgz").string())};
-            ASSERT_EQ(rfsysinfo(QStringList{"--capture", capture} + given).status, 0);
-            sources << given << QStringList{"--root", capture};
-        } else {
-            const QStringList tree = QStringList{"--root", preparedTree(folder.path())} + argumentsOf(folder.path());
-            ASSERT_EQ(rfsysinfo(QStringList{"--capture", capture} + tree).status, 0);
-            sources << tree << QStringList{"--root", capture};
-        }
-        const QJsonObject expectedCheck = jsonFile(folder.path() / "expected-check.json");
-        for (const QStringList &source : sources) {
+        ASSERT_EQ(rfsysinfo(QStringList{"--capture", capture} + given).status, 0);
+        for (const QStringList &source : {given, QStringList{"--root", capture}}) {
             QStringList differences;
             listDifferences(expected, sectionsOf(rfsysinfo(QStringList{"--json"} + source)), {}, differences);
-            if (!expectedCheck.isEmpty()) {
-                const ToolRun check = rfsysinfo(QStringList{"--check", "--json"} + source);
-                listDifferences(expectedCheck, parsedJson(check).value("check"), "/check", differences);
-                EXPECT_EQ(check.status, expectedCheck.value("verdict") == "pass" ? 0 : 1);
-            }
-            listReleaseAndDiff(folder.path(), source, differences);
+            listJudgementDifferences(folder.path(), source, differences);
             listTextDifferences(folder.path(), source, differences);
             EXPECT_TRUE(differences.isEmpty()) << source.join(' ').toStdString() << ":\n"
                                                << differences.join('\n').toStdString();
