@@ -66,11 +66,7 @@ TEST_F(RfsysinfoTest, NothingWrittenWithSanitizeHoldsASerialNumber)
     fs::copy(sampleDevice.toStdString(), named, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
     const QStringList source = {"--root", QString::fromStdString(named), "--allow-tools", "--sanitize"};
     const QString profile = QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/devices/profiles/kv721-another-unit.json");
-    QFile saved(QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/devices/reports/sample-device.json"));
-    ASSERT_TRUE(saved.open(QIODevice::ReadOnly));
-    writeDeviceFile(
-        "/storage/another-unit.json",
-        saved.readAll().replace("KV721-24-0042", "KV721-24-0077").replace("5.010.005a", "5.010.004").toStdString());
+    const QString anotherUnit = QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/devices/reports/another-unit.json");
     const QStringList withheld = sampleSerials + QStringList{"KV721-24-9999", "DPB7-24-09999", "KV721-24-0077"};
     const QStringList forms[] = {
         {},
@@ -78,8 +74,8 @@ TEST_F(RfsysinfoTest, NothingWrittenWithSanitizeHoldsASerialNumber)
         {"--check", "--expect", profile},
         {"--check", "--json", "--expect", profile},
         {"--metrics", "--expect", profile},
-        {"--diff", "/storage/another-unit.json"},
-        {"--diff", "/storage/another-unit.json", "--json"},
+        {"--diff", anotherUnit},
+        {"--diff", anotherUnit, "--json"},
         {"--diff", QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/devices/reports/sample-device.json")},
     };
     for (const QStringList &form : forms) {
@@ -97,13 +93,10 @@ TEST_F(RfsysinfoTest, NothingWrittenWithSanitizeHoldsASerialNumber)
     }
     // The capture holds neither, and none of the tree's programs.
     captureOf(source);
-    QProcess gzip;
-    gzip.start("gzip", {"-dc", capturePath});
-    gzip.waitForFinished(10000);
-    const QByteArray unpacked = gzip.readAllStandardOutput();
-    ASSERT_GT(unpacked.size(), 10000);
+    const QString unpacked = tarOf({"-xOz"}); // what the entries hold
+    ASSERT_GT(unpacked.size(), 5000);
     for (const QString &serial : sampleSerials)
-        EXPECT_FALSE(unpacked.contains(serial.toUtf8())) << serial.toStdString();
+        EXPECT_FALSE(unpacked.contains(serial)) << serial.toStdString();
     EXPECT_FALSE(unpacked.contains("#!/bin/sh")) << "an identity tool was copied";
 }
 
