@@ -1,6 +1,7 @@
 // Every case under tests/devices: a device tree with the report it must give beside it. The report
 // tool reads the tree through a private device root, and a capture made of it; both reports must
 // equal the expected one, section for section. Adding a case needs no code (tests/devices/README.md).
+// The inputs a case holds for refusal are refused here too, with the misuse of tests/misuse.tsv.
 #include "DeviceTest.h"
 #include "Rfsysinfo.h"
 
@@ -8,11 +9,14 @@
 #include <QFile>
 #include <QJsonArray>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 using namespace rfsitest;
 namespace fs = std::filesystem;
@@ -192,11 +196,31 @@ TEST_F(DeviceCasesTest, EachCaseReportsAsExpectedReadDirectlyAndReplayedFromACap
     EXPECT_GE(cases, 30) << "the cases under " << caseFolders;
 }
 
-// Untrusted inputs, each refused for the reason its case gives, with one line, before any device is
-// read: a capture (exit status 3, within 5 s), a release profile (2, within a second) and a profile
-// that is no report either as a side of --diff (3).
-TEST_F(DeviceCasesTest, EachRefusedInputIsRefusedQuicklyForItsReason)
+// Refused at once, before any device is read, with one line on standard error and nothing on standard
+// output: untrusted inputs, each for the reason its case gives (a capture: exit status 3, within 5 s; a
+// release profile: 2, within a second; a profile that is no report either as a side of --diff: 3), and
+// the misuse of tests/misuse.tsv (inputs that are no file to read are refused on the open descriptor,
+// never waited on).
+TEST_F(DeviceCasesTest, RefusedInputsAndMisuseExitAtOnceWithTheirReason)
 {
+    struct Refusal
+    {
+        QStringList arguments;
+        int status;
+        QStringList says;
+        qint64 boundMs = 5000;
+    };
+    std::vector<Refusal> refusals;
+    QFile table(QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/misuse.tsv"));
+    ASSERT_TRUE(table.open(QIODevice::ReadOnly));
+    for (const QString &line :
+         QString::fromUtf8(table.readAll()).replace("$SAMPLE", RFSI_TEST_SOURCE_DIR "/examples/device").split('\n')) {
+        const QStringList fields = line.split('\t');
+        if (!line.startsWith('#') && fields.size() >= 3)
+            refusals.push_back({fields.mid(2), fields[0].toInt(), {fields[1]}});
+    }
+    ASSERT_GE(refusals.size(), 30u);
+
     writeDeviceFile("/storage/huge/profile-refusal", "it is larger than 1024 KiB\n");
     std::ofstream("/storage/huge/profile.json").close();
     fs::resize_file("/storage/huge/profile.json", qint64{1} << 30); // sparse: a gigabyte of NUL bytes
@@ -221,24 +245,37 @@ TEST_F(DeviceCasesTest, EachRefusedInputIsRefusedQuicklyForItsReason)
         for (const fs::path &folder : folders) {
             std::ifstream reasonFile(folder / kind.reasonFile);
             std::string reason;
-            if (!std::getline(reasonFile, reason))
-                continue;
-            ++cases[kind.reasonFile];
-            SCOPED_TRACE(folder.filename().string() + " " + kind.reasonFile);
-            const QString input = QString::fromStdString((folder / kind.input).string());
-            QElapsedTimer timer;
-            timer.start();
-            const ToolRun run = rfsysinfo(kind.options + QStringList{input} + kind.source);
-            EXPECT_LT(timer.elapsed(), kind.boundMs);
-            EXPECT_EQ(run.status, kind.status);
-            EXPECT_EQ(run.out, "");
-            EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.count('\n') == 1 &&
-                        run.err.contains(kind.refused + input + ": ") &&
-                        run.err.contains(QString::fromStdString(reason)))
-                << run.err.toStdString();
+            if (std::getline(reasonFile, reason)) {
+                ++cases[kind.reasonFile];
+                const QString input = QString::fromStdString((folder / kind.input).string());
+                refusals.push_back({kind.options + QStringList{input} + kind.source,
+                                    kind.status,
+                                    {kind.refused + input + ": ", QString::fromStdString(reason)},
+                                    kind.boundMs});
+            }
         }
     EXPECT_GE(cases["refusal"], 15);
     EXPECT_GE(cases["profile-refusal"], 10);
     EXPECT_GE(cases["report-refusal"], 3);
+
+    ASSERT_EQ(::mkfifo("/storage/fifo", 0644), 0);
+    const int listening = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "/storage/socket");
+    ASSERT_EQ(::bind(listening, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    for (const Refusal &refusal : refusals) {
+        SCOPED_TRACE(refusal.arguments.join(' ').toStdString());
+        QElapsedTimer timer;
+        timer.start();
+        const ToolRun run = rfsysinfo(refusal.arguments);
+        EXPECT_LT(timer.elapsed(), refusal.boundMs);
+        EXPECT_EQ(run.status, refusal.status);
+        EXPECT_EQ(run.out, "");
+        EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.count('\n') == 1) << run.err.toStdString();
+        for (const QString &part : refusal.says)
+            EXPECT_TRUE(run.err.contains(part)) << run.err.toStdString();
+    }
+    ::close(listening);
     EXPECT_FALSE(fs::exists("/storage/escaped"));
 }

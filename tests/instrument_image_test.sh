@@ -3,7 +3,9 @@
 # qemu-system, with nothing run on it by hand before the packaged timer has written the metrics.
 #   - node_exporter on the instrument serves the sample device's metrics, scraped from here;
 #   - over ssh: rfsysinfo --check passes on the instrument's own paths, none of our units failed,
-#     the service's journal holds no error, systemd rates its exposure 3.0 or less;
+#     systemd-analyze verify finds nothing to say of them (an unknown key is only a warning to
+#     systemd), the service's journal holds no error, systemd rates its exposure 3.0 or less;
+#   - the README's report tool commands (its third shell block on) work as shown, in order;
 #   - without node_exporter the service does not fail and its journal says why nothing was written;
 #     node_exporter installed again brings the metrics back;
 #   - apt purge of our packages leaves no file of theirs behind, no unit at work, no metrics served.
@@ -18,10 +20,7 @@ cleanup() {
     rm -rf "$work"
 }
 trap cleanup EXIT INT TERM
-fail() {
-    echo "FAIL: $*" >&2
-    exit 1
-}
+fail() { echo "FAIL: $*" >&2; exit 1; }
 on_instrument() { "$image" ssh "$dir" "$@"; }
 free_port() {
     while :; do
@@ -71,11 +70,20 @@ on_instrument rfsysinfo --check || fail "rfsysinfo --check on the instrument's o
 on_instrument systemctl --no-pager status rfsysinfo-metrics.timer rfsysinfo-metrics.service || true
 failed=$(on_instrument systemctl --failed --plain --no-legend)
 echo "$failed" | grep -E 'rfsysinfo|instrument-standin' && fail "failed units of ours: $failed"
+said=$(on_instrument systemd-analyze verify --man=no /lib/systemd/system/rfsysinfo-metrics.service \
+    /lib/systemd/system/rfsysinfo-metrics.timer 2>&1) && [ -z "$said" ] || fail "systemd-analyze verify: $said"
 errors=$(on_instrument journalctl --no-pager -q -p err -u rfsysinfo-metrics.service -u rfsysinfo-metrics.timer)
 [ -z "$errors" ] || fail "errors in the service's journal: $errors"
 on_instrument systemd-analyze security --threshold=30 rfsysinfo-metrics.service >"$work/security" ||
     fail "the service is exposed more than 3.0: $(tail -1 "$work/security")"
 tail -1 "$work/security"
+
+echo "== the README's report tool commands, in order, as shown"
+awk '$0 == "```sh" { n++; on = n >= 3; next } /^```$/ { on = 0 } on' "$source_dir/README.md" | sed 's/ *#.*//' >"$work/commands"
+[ "$(wc -l <"$work/commands")" -ge 10 ] || fail "the README's commands were not found"
+while read -r command; do
+    on_instrument "cd /storage && $command" </dev/null >/dev/null || fail "the README's command on the instrument: $command"
+done <"$work/commands"
 
 echo "== without node_exporter, and with it again"
 apt_on_instrument() { on_instrument "DEBIAN_FRONTEND=noninteractive apt-get -y -q $*" >"$work/apt.log" 2>&1; }

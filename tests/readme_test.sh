@@ -2,16 +2,13 @@
 # The README's commands work as shown. Its caller and CMake project are the installed-library test's
 # own (tests/install) and print what that test expects; its pkg-config line is the one that test runs;
 # and scripts/run-report (in the plain build, whose folder it uses) prints the sample report. Its report
-# tool commands are RfsysinfoTest.TheReadmesCommandsWorkAsShown.
+# tool commands run on the booted instrument (instrument_image_test.sh).
 #   readme_test.sh SOURCE_DIR BUILD_DIR
 set -eu
 source_dir=$(realpath "$1")
 build_dir=$(realpath "$2")
 readme=$source_dir/README.md
-fail() {
-    echo "FAIL: $*" >&2
-    exit 1
-}
+fail() { echo "FAIL: $*" >&2; exit 1; }
 # The lines of the README's code blocks of KIND, from the Nth such block on (1: all).
 blocks() { awk -v kind="$1" -v from="${2:-1}" '$0 == "```" kind { n++; on = n >= from; next } /^```$/ { on = 0 } on' "$readme"; }
 without_comments() { grep -v '^#' "$1"; }

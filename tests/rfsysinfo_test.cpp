@@ -1,12 +1,11 @@
 // The report tool as its users run it, a child process: the text report, the header, sections,
-// sanitizing, whose identity tools answer, capture files, and misuse. (What it reports for a device
-// is a device case: tests/devices.)
+// sanitizing, whose identity tools answer, capture files and output files. (What it reports for a device
+// is a device case, and misuse is refused as tests/devices_test.cpp says.)
 #include "DeviceTest.h"
 #include "Rfsysinfo.h"
 
 #include <QDateTime>
 #include <QFile>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QRegularExpression>
 
@@ -16,9 +15,7 @@
 #include <filesystem>
 
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 using namespace rfsitest;
@@ -311,61 +308,4 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
             << err.toStdString();
     }
     ::umount("/storage/full");
-}
-
-// The cases of tests/misuse.tsv: inputs that are no file to read are refused on the open descriptor,
-// never waited on.
-TEST_F(RfsysinfoTest, MisuseAndUnreadableInputsExitWithOneLineReasonsAtOnce)
-{
-    ASSERT_EQ(::mkfifo("/storage/fifo", 0644), 0);
-    const int listening = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, "/storage/socket");
-    ASSERT_EQ(::bind(listening, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    QFile table(QStringLiteral(RFSI_TEST_SOURCE_DIR "/tests/misuse.tsv"));
-    ASSERT_TRUE(table.open(QIODevice::ReadOnly));
-    int cases = 0;
-    for (const QString &line : QString::fromUtf8(table.readAll()).replace("$SAMPLE", sampleDevice).split('\n')) {
-        const QStringList fields = line.split('\t');
-        if (line.startsWith('#') || fields.size() < 3)
-            continue;
-        ++cases;
-        const ToolRun run = rfsysinfo(fields.mid(2));
-        EXPECT_EQ(run.status, fields[0].toInt()) << line.toStdString();
-        EXPECT_EQ(run.out, "");
-        EXPECT_TRUE(run.err.startsWith("rfsysinfo: ") && run.err.contains(fields[1]) && run.err.count('\n') == 1)
-            << line.toStdString() << ": " << run.err.toStdString();
-    }
-    EXPECT_GE(cases, 30);
-    ::close(listening);
-}
-
-// The README's report tool commands, in order, on the instrument (here the sample device), each as
-// shown: the third shell block of the README on.
-TEST_F(RfsysinfoTest, TheReadmesCommandsWorkAsShown)
-{
-    installSampleDevice();
-    QFile readme(QStringLiteral(RFSI_TEST_SOURCE_DIR "/README.md"));
-    ASSERT_TRUE(readme.open(QIODevice::ReadOnly));
-    QStringList commands;
-    int shellBlocks = 0;
-    bool inBlock = false;
-    for (const QString &line : QString::fromUtf8(readme.readAll()).split('\n')) {
-        if (line.startsWith("```"))
-            shellBlocks += inBlock = line == "```sh";
-        else if (inBlock && shellBlocks >= 3)
-            commands << line.left(line.indexOf(" #")).trimmed();
-    }
-    ASSERT_GE(commands.size(), 10);
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("PATH", QFileInfo(RFSI_TEST_RFSYSINFO).path() + ":" + environment.value("PATH"));
-    for (const QString &command : commands) {
-        QProcess shell;
-        shell.setProcessEnvironment(environment);
-        shell.setWorkingDirectory("/storage");
-        shell.start("sh", {"-c", command});
-        shell.waitForFinished(30000);
-        EXPECT_EQ(shell.exitCode(), 0) << command.toStdString() << "\n" << shell.readAllStandardError().toStdString();
-    }
 }

@@ -7,10 +7,7 @@ source_dir=$1
 rfsysinfo=$2
 page=$source_dir/docs/rfsysinfo.1
 completion=$source_dir/tools/rfsysinfo/completion/rfsysinfo
-fail() {
-    echo "FAIL: $*" >&2
-    exit 1
-}
+fail() { echo "FAIL: $*" >&2; exit 1; }
 options_in() { grep -o -- '--[a-z][a-z-]*' | sort -u; }
 
 # Qt's --help-all lists Qt's own options, not the tool's.
