@@ -17,12 +17,12 @@ mkdir -p "$work.empty"
 grep -qx "rfsysinfo: warning: $work.empty holds none of the files the library reads" "$work.warning" ||
     { echo "FAIL: no warning for an empty tree:"; cat "$work.warning"; status=1; }
 
-# A copied tree's program reaches for a host file from inside (tests/attacker-tree/bin/getSicutil),
+# A copied tree's program reaches for a host file from inside (tests/devices/attacker-reaches-for-the-host),
 # under rfsi-device-root and as the tree's identity tool under rfsysinfo, which writes its report into a
 # host folder from a terminal. Every try must fail and the host's file stay as it was.
 rm -rf "$work"
 mkdir -p "$work/reports"
-cp -a "$(dirname "$0")/attacker-tree" "$work/tree"
+cp -a "$(dirname "$0")/devices/attacker-reaches-for-the-host/tree" "$work/tree"
 export RFSI_HOST_FILE="$work/host-file"
 echo untouched > "$RFSI_HOST_FILE"
 mkdir "$work/tree/storage"
