@@ -52,12 +52,7 @@ promtool check metrics <"$work/rfsysinfo.prom" || fail "promtool rejects the met
 rm "$work/rfsysinfo.prom"
 
 echo "== promtool check metrics: quotes, backslashes and line ends in the device's texts"
-mkdir -p "$work/hostile/tmp" "$work/hostile/bin" "$work/hostile/Dsp"
-printf '%s\n' 'DPB_HardwareSetName="quote \" backslash \\ line\nend"' 'DPB_Revision=a\\b' \
-    >"$work/hostile/tmp/SystemInventoryInfo.info"
-printf '%s\n' '{"FPGA_VER":{"FPGA_BANK_0_VER":"x\"y\\z\nw"}}' >"$work/hostile/bin/DpbJsonInfo.json"
-printf '1\n%s\n' 'name "quoted" \ back' >"$work/hostile/Dsp/name.txt"
-"$rfsysinfo" --metrics --root "$work/hostile" >"$work/hostile.prom"
+"$rfsysinfo" --metrics --root "$cases/metrics-label-escapes/tree" >"$work/hostile.prom"
 promtool check metrics <"$work/hostile.prom" || fail "promtool rejects escaped label text"
 grep -qF 'dpb_hardware_set_name="quote \" backslash \\ line\nend"' "$work/hostile.prom" ||
     fail "the inventory text is not escaped as the format requires"
