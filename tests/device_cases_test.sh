@@ -2,13 +2,60 @@
 # Every case under tests/devices (its README says what a case holds): the report tool on the case's
 # tree, and on a capture made of it (a case that is a capture: on it, and on a capture of its replay),
 # must give the expected report, and each judgement and text the case expects. jq puts the case's
-# expectation over missing-files' and sorts both sides; diff shows what differs.
-#   device_cases_test.sh SOURCE_DIR WORK_DIR RFSYSINFO
+# expectation over missing-files' and sorts both sides; diff shows what differs. Then the inputs that
+# cases hold for refusal, and the misuse of tests/misuse.tsv, are each refused at once.
+#   device_cases_test.sh SOURCE_DIR BUILD_DIR WORK_DIR RFSYSINFO RFSI_DEVICE_ROOT
 set -u
-cases=$1/tests/devices work=$2 rfsysinfo=$3
-count=0 failures=0
-rm -rf "$work" && mkdir -p "$work"
+source_dir=$1 build_dir=$2 work=$3 rfsysinfo=$4 device_root=$5
+cases=$source_dir/tests/devices count=0 failures=0 case=""
 fail() { echo "FAIL: $case: $*" >&2; failures=$((failures + 1)); }
+
+# refused STATUS BOUND_MS SAYS REASON ARGUMENT...: rfsysinfo ARGUMENT... exits with STATUS within
+# BOUND_MS, prints nothing, and says "rfsysinfo: ", SAYS and REASON in one line.
+refused() {
+    local status=$1 bound=$2 says=$3 reason=$4 start got took
+    shift 4
+    start=$(date +%s%N)
+    "$rfsysinfo" "$@" >"$work/output" 2>"$work/said"
+    got=$? took=$((($(date +%s%N) - start) / 1000000))
+    count=$((count + 1))
+    [ "$got $(wc -l <"$work/said") $(head -c 11 "$work/said")" = "$status 1 rfsysinfo: " ] && [ "$took" -lt "$bound" ] &&
+        [ ! -s "$work/output" ] && grep -qF -- "$says" "$work/said" && grep -qF -- "$reason" "$work/said" ||
+        fail "$* exited with $got after $took ms, printing: $(cat "$work/output" "$work/said")"
+}
+
+# The refusals, inside a device root of their own (this script again): a run that was not refused
+# reaches none of this machine's paths. An input is refused before any device is read: a capture (exit
+# status 3, within 5 s), a release profile (2, within a second) and a profile that is no report either,
+# as a side of --diff (3). Inputs that are no file to read are refused on the open descriptor.
+if [ "$device_root" = --refusals ]; then
+    sample=(--root "$source_dir/examples/device" --allow-tools)
+    for folder in "$cases"/* "$work/huge"; do
+        case=${folder##*/}
+        [ -f "$folder/refusal" ] && refused 3 5000 "refused the capture $folder/capture.tgz: " "$(cat "$folder/refusal")" \
+            --root "$folder/capture.tgz"
+        [ -f "$folder/profile-refusal" ] && refused 2 1000 \
+            "refused the release profile $folder/profile.json: " "$(cat "$folder/profile-refusal")" \
+            --check --expect "$folder/profile.json" "${sample[@]}"
+        [ -f "$folder/report-refusal" ] && refused 3 5000 \
+            "refused the report $folder/profile.json: " "$(cat "$folder/report-refusal")" --diff "$folder/profile.json" "${sample[@]}"
+    done
+    case=misuse.tsv
+    while IFS= read -r line; do
+        line=${line//\$SAMPLE/$source_dir/examples/device} fields=()
+        line=${line//\$WORK/$work} line=${line//\$CASES/$cases}
+        while [[ $line == *$'\t'* ]]; do
+            fields+=("${line%%$'\t'*}") line=${line#*$'\t'}
+        done
+        [ "${#fields[@]}" -ge 2 ] && refused "${fields[0]}" 5000 "${fields[1]}" "" "${fields[@]:2}" "$line"
+    done <"$source_dir/tests/misuse.tsv"
+    [ -e /storage/escaped ] && fail "a refused capture wrote /storage/escaped"
+    echo "$count refusals, $failures failures"
+    [ "$count" -ge 60 ] && [ "$failures" -eq 0 ]
+    exit
+fi
+
+rm -rf "$work" && mkdir -p "$work/huge"
 
 # expect EXPECTED PATH ARGUMENT...: the value at PATH of rfsysinfo --json ARGUMENT... is EXPECTED's, and
 # the exit status follows it: 1 for a verdict other than "pass" or a list of differences, else 0.
@@ -51,7 +98,7 @@ for folder in "$cases"/*; do
         # shellcheck disable=SC2046 # the arguments are words
         given=(--root "$(prepared_tree)" $(cat "$folder/arguments" 2>/dev/null))
     fi
-    "$rfsysinfo" --capture "$work/capture.tgz" "${given[@]}" 2>"$work/said" || { fail "no capture: $(cat "$work/said")"; continue; }
+    "$rfsysinfo" --capture "$work/capture.tgz" "${given[@]}" >"$work/said" 2>&1 || { fail "no capture: $(cat "$work/said")"; continue; }
     for replayed in false true; do
         source=("${given[@]}")
         $replayed && source=(--root "$work/capture.tgz")
@@ -73,4 +120,11 @@ for folder in "$cases"/*; do
     done
 done
 echo "$count cases, $failures failures"
-[ "$count" -ge 30 ] && [ "$failures" -eq 0 ]
+[ "$count" -ge 30 ] && [ "$failures" -eq 0 ] || exit 1
+
+echo "it is larger than 1024 KiB" >"$work/huge/profile-refusal"
+truncate -s 1G "$work/huge/profile.json" # sparse: a gigabyte of NUL bytes
+mkfifo "$work/fifo"
+perl -MSocket -e 'socket(S, PF_UNIX, SOCK_STREAM, 0) && bind(S, pack_sockaddr_un($ARGV[0])) || die' "$work/socket"
+exec "$device_root" --show "$source_dir" --show "$build_dir" --show-writable "$work" -- \
+    "$0" "$source_dir" "$build_dir" "$work" "$rfsysinfo" --refusals

@@ -1,6 +1,6 @@
 // The report tool as its users run it, a child process: the text report, the header, sections,
 // sanitizing, whose identity tools answer, capture files and output files. (What it reports for a device
-// is a device case, and misuse is refused as tests/refusal_test.cpp says.)
+// is a device case, and what it refuses is in tests/device_cases_test.sh.)
 #include "DeviceTest.h"
 #include "Rfsysinfo.h"
 
