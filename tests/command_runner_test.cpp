@@ -208,15 +208,10 @@ TEST_F(CommandRunnerTest, OutputHasNoLimitButTheTimeOutAndStandardErrorIsNeverKe
 {
     // 500,000 lines of 99 digits: 50 MB that come back whole, in order, each line end one space.
     installTool("/bin/tool", "seq -f '%099g' 1 500000");
-    const QString answer = info.executeCmd("/bin/tool", "x");
-    ASSERT_EQ(answer.size(), 49'999'999);
-    int misplaced = 0;
-    for (int at = 99; at < answer.size(); at += 100)
-        misplaced += answer[at] != ' ';
-    EXPECT_EQ(misplaced, 0);
-    EXPECT_EQ(answer.count(' '), 499'999);
-    for (int line : {1, 2, 250000, 500000})
-        EXPECT_EQ(answer.mid((line - 1) * 100, 99), QString::number(line).rightJustified(99, QLatin1Char('0'))) << line;
+    QString expected;
+    for (int line = 1; line <= 500000; ++line)
+        expected += QString::number(line).rightJustified(99, QLatin1Char('0')) + (line < 500000 ? " " : "");
+    EXPECT_TRUE(info.executeCmd("/bin/tool", "x") == expected) << "the 50 MB came back otherwise";
 
     installTool("/bin/tool", "head -c 300000000 /dev/zero >&2; echo KV7");
     inFreshProcess([] {

@@ -3,11 +3,8 @@
 # test run can show it wrote nothing there.
 #   host_paths.sh snapshot FILE | compare FILE
 set -eu
-paths="/tmp/SystemInventoryInfo.info /storage /Dsp /DspCpri /bin/DpbJsonInfo.json /bin/getSicutil
-/usr/bin/sicutil /bin/DNC_10_100M.csv /bin/Low_10_100M.csv /bin/High_10_100M.csv /bin/dncDac1.csv
-/bin/dncDac2.csv /bin/nyroFreq1stlow.csv /bin/nyroFreq1sthigh.csv /bin/nyro_spur_low.csv
-/bin/nyro_spur_high.csv /bin/basic_freq_cal.csv /bin/freq_cal_high.csv /bin/freq_cal_low.csv
-/bin/dnc_freq_cal.csv /bin/thirdAmpOffset.dat /.deviceroot /tmp/.deviceroot"
+paths="/tmp/SystemInventoryInfo.info /storage /Dsp /DspCpri /bin/DpbJsonInfo.json /bin/getSicutil /usr/bin/sicutil
+$(ls -d /bin/*.csv /bin/*.dat 2>/dev/null || true) /.deviceroot /tmp/.deviceroot"
 
 state() {
     for path in $paths; do
