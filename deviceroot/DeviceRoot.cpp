@@ -162,20 +162,33 @@ void bindFolder(int sourceFd, const std::string &sourceName, const std::string &
         makeReadOnly(target);
 }
 
+// Calls `visit` with each name in the folder but "." and ".."; false when the folder cannot be opened.
+// A folder that cannot be read to its end is a failure, never a shorter list: a link left out would
+// lead to the host.
+template <typename Visit>
+bool forEachEntry(const std::string &path, Visit visit)
+{
+    std::unique_ptr<DIR, int (*)(DIR *)> folder(::opendir(path.c_str()), ::closedir);
+    if (!folder)
+        return false;
+    for (errno = 0; const dirent *entry = ::readdir(folder.get()); errno = 0) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..")
+            visit(name);
+    }
+    if (errno != 0)
+        fail("read the folder " + path);
+    return true;
+}
+
 void removeTree(const std::string &path, dev_t device);
 
 // Removes what a folder holds without crossing into other file systems (a host folder shown
 // inside a device folder is a mount point and stays).
 void removeContents(const std::string &path, dev_t device)
 {
-    std::unique_ptr<DIR, int (*)(DIR *)> folder(::opendir(path.c_str()), ::closedir);
-    if (!folder)
+    if (!forEachEntry(path, [&](const std::string &name) { removeTree(path + "/" + name, device); }))
         fail("open " + path);
-    while (const dirent *entry = ::readdir(folder.get())) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..")
-            removeTree(path + "/" + name, device);
-    }
 }
 
 void removeTree(const std::string &path, dev_t device)
@@ -316,29 +329,27 @@ void retargetAbsoluteLinks(const std::string &root, const std::string &seedInTre
 {
     constexpr int deepestFolder = 16;
     const std::string folderPath = root + treeFolder + seedInTree + relative;
-    std::unique_ptr<DIR, int (*)(DIR *)> folder(depth > deepestFolder ? nullptr : ::opendir(folderPath.c_str()),
-                                                ::closedir);
-    if (!folder)
+    if (depth > deepestFolder)
         return;
-    while (const dirent *entry = ::readdir(folder.get())) {
-        const std::string name = entry->d_name, path = relative + "/" + name;
+    forEachEntry(folderPath, [&](const std::string &name) {
+        const std::string path = relative + "/" + name;
         struct stat info;
-        if (name == "." || name == ".." || ::lstat((folderPath + "/" + name).c_str(), &info) != 0)
-            continue;
+        if (::lstat((folderPath + "/" + name).c_str(), &info) != 0)
+            return;
         if (S_ISDIR(info.st_mode)) {
             retargetAbsoluteLinks(root, seedInTree, upper, path, depth + 1);
-            continue;
+            return;
         }
         char target[PATH_MAX];
         const ssize_t length =
             S_ISLNK(info.st_mode) ? ::readlink((folderPath + "/" + name).c_str(), target, sizeof target - 1) : -1;
         if (length <= 0 || target[0] != '/' || isKernelPath(std::string(target, static_cast<size_t>(length))))
-            continue;
+            return;
         makeFolders(upper + relative);
         const std::string linkTarget(target, static_cast<size_t>(length));
         if (::symlink(targetInTree(root, seedInTree + path, linkTarget).c_str(), (upper + path).c_str()) != 0)
             fail("lead the device tree's link " + seedInTree + path + " into the tree");
-    }
+    });
 }
 
 void mountOverlay(const std::string &root, const std::string &fixedPath, const std::vector<std::unique_ptr<Fd>> &lowers)
@@ -408,22 +419,19 @@ void makeSeededFixedPath(const std::string &root, const std::string &tree, const
 void showTreeFolders(const std::string &root)
 {
     const std::string tree = root + treeFolder;
-    std::unique_ptr<DIR, int (*)(DIR *)> folder(::opendir(tree.c_str()), ::closedir);
-    if (!folder)
-        return;
-    while (const dirent *entry = ::readdir(folder.get())) {
-        const std::string name = std::string("/") + entry->d_name;
+    forEachEntry(tree, [&](const std::string &entry) {
+        const std::string name = "/" + entry;
         struct stat info;
-        if (name == "/." || name == "/.." || ::lstat((root + name).c_str(), &info) == 0)
-            continue;
+        if (::lstat((root + name).c_str(), &info) == 0)
+            return;
         const Fd seed(openInTree(tree, name, O_DIRECTORY));
         if (seed.get() < 0)
-            continue;
+            return;
         makeFolders(root + name);
         mountOrFail(describeFd(seed.get()), root + name, nullptr, MS_BIND | MS_REC, {},
                     "show the device tree's folder " + name);
         makeReadOnly(root + name);
-    }
+    });
 }
 
 void mirrorUsrLinks(const std::string &root)
