@@ -1,6 +1,5 @@
-// The check: fixed findings over a collected report, each with a stable id, a severity, a message that
-// names the data and the same data as fields; and a verdict. Rendered by write/CheckOutput and
-// counted by the metrics.
+// The check: fixed findings over a collected report, each with a stable id, a severity and what it
+// found as data; and a verdict. Told in words by write/CheckOutput and counted by the metrics.
 #ifndef RFSYSINFO_REPORTCHECK_H
 #define RFSYSINFO_REPORTCHECK_H
 
@@ -14,8 +13,7 @@ struct Finding
 {
     QString id;
     bool error = false; // else a warning
-    QString message;
-    QJsonObject data; // what the message names, as fields
+    QJsonObject data;   // what was found, as fields
 };
 
 struct CheckOptions
@@ -26,7 +24,7 @@ struct CheckOptions
     std::optional<double> criticalTemperature; // the limit where the inventory gives none
     std::optional<ReleaseProfile> release;     // what the unit must carry
     // --sanitize: serial numbers a finding must not show. A value that is one of them as a whole, and
-    // any value of a serial field, is shown as serialPlaceholder in messages and data alike.
+    // any value of a serial field, is shown as serialPlaceholder in its data (and so in its message).
     QStringList withheldSerials;
 };
 
