@@ -452,10 +452,10 @@ Made report(const Settings &settings, ReportSource source, const DeviceState *re
     checkOptions.strict = settings.strict;
     checkOptions.criticalTemperature = settings.criticalTemperature;
     checkOptions.release = settings.release;
-    if (settings.sanitize)
-        checkOptions.withheldSerials = serialNumbersIn(report);
-    const QVector<Finding> findings =
+    QVector<Finding> findings =
         settings.check || settings.metrics ? checkReport(report, checkOptions) : QVector<Finding>();
+    if (settings.sanitize)
+        sanitizeFindings(findings, serialNumbersIn(report));
     // A sanitized capture gives sanitized reports: what it replaced is not there to show.
     if (settings.sanitize || (replayed && replayed->origin.sanitized))
         sanitizeReport(report);

@@ -6,6 +6,7 @@
 #include <QJsonArray>
 
 #include <algorithm>
+#include <functional>
 
 namespace {
 
@@ -14,23 +15,6 @@ using namespace rfsi::paths;
 class Findings
 {
 public:
-    explicit Findings(const QStringList &withheldSerials) : withheld(withheldSerials) {}
-
-    // A value of the report as a finding may show it.
-    QString shown(const QString &value) const { return withheld.contains(value) ? serialPlaceholder : value; }
-    QJsonValue shown(const QJsonValue &value, bool serialField) const
-    {
-        if (value.isArray()) {
-            QJsonArray values;
-            for (const QJsonValue &element : value.toArray())
-                values.append(shown(element, serialField));
-            return values;
-        }
-        if (!value.isString() || withheld.isEmpty())
-            return value;
-        return serialField ? QJsonValue(serialPlaceholder) : QJsonValue(shown(value.toString()));
-    }
-
     // One finding when `found`, with `data` as its fields.
     void add(const char *id, bool error, bool found, const QJsonObject &data)
     {
@@ -43,9 +27,6 @@ public:
         add(id, error, !items.isEmpty(), QJsonObject{{QLatin1String(field), QJsonArray::fromStringList(items)}});
     }
     QVector<Finding> list;
-
-private:
-    const QStringList withheld;
 };
 
 void checkCapture(const Report &report, Findings &findings)
@@ -113,14 +94,13 @@ void checkTemperatures(const Report &report, const CheckOptions &options, Findin
     QJsonArray unavailable, hot;
     for (const TemperatureReading &reading : report.temperature.readings) {
         if (!reading.celsius)
-            unavailable.append(QJsonObject{{"sensor", reading.sensor}, {"text", findings.shown(reading.text)}});
+            unavailable.append(QJsonObject{{"sensor", reading.sensor}, {"text", reading.text}});
         else if (limit && *reading.celsius >= limit->celsius)
             hot.append(QJsonObject{{"sensor", reading.sensor}, {"celsius", *reading.celsius}});
     }
     findings.add("temperature.unavailable", false, !unavailable.isEmpty(), QJsonObject{{"sensors", unavailable}});
-    findings.add(
-        "temperature.limit-unknown", false, !limit,
-        QJsonObject{{"key", "DPB_CriticalTemp"}, {"value", findings.shown(report.inventoryText("DPB_CriticalTemp"))}});
+    findings.add("temperature.limit-unknown", false, !limit,
+                 QJsonObject{{"key", "DPB_CriticalTemp"}, {"value", report.inventoryText("DPB_CriticalTemp")}});
     if (limit)
         findings.add("temperature.critical", true, !hot.isEmpty(),
                      QJsonObject{{"limitCelsius", limit->celsius}, {"limitSource", limit->source}, {"sensors", hot}});
@@ -153,17 +133,12 @@ void checkRelease(const Report &report, const CheckOptions &options, Findings &f
 {
     if (!options.release)
         return;
-    for (const ReleaseMismatch &mismatch : releaseMismatches(*options.release, reportSections(report))) {
-        // The profile's serial numbers are withheld with the unit's.
-        const bool serialField = isSerialField(mismatch.section, mismatch.key);
-        const QJsonValue expected = findings.shown(mismatch.expected, serialField);
-        const QJsonValue actual = findings.shown(mismatch.actual, serialField);
+    for (const ReleaseMismatch &mismatch : releaseMismatches(*options.release, reportSections(report)))
         findings.add("release.mismatch", true, true,
                      QJsonObject{{"section", mismatch.section},
                                  {"key", mismatch.key},
-                                 {"expected", expected},
-                                 {"actual", actual.isUndefined() ? QJsonValue() : actual}});
-    }
+                                 {"expected", mismatch.expected},
+                                 {"actual", mismatch.actual.isUndefined() ? QJsonValue() : mismatch.actual}});
 }
 
 } // namespace
@@ -179,7 +154,7 @@ std::optional<TemperatureLimit> temperatureLimit(const Report &report, const Che
 
 QVector<Finding> checkReport(const Report &report, const CheckOptions &options)
 {
-    Findings findings(options.withheldSerials);
+    Findings findings;
     checkCapture(report, findings);
     checkIdentity(report.identity, findings);
     checkInventory(report.inventory, findings);
@@ -191,6 +166,33 @@ QVector<Finding> checkReport(const Report &report, const CheckOptions &options)
     checkCalibration(report, options, findings);
     checkRelease(report, options, findings);
     return findings.list;
+}
+
+void sanitizeFindings(QVector<Finding> &findings, const QStringList &serials)
+{
+    std::function<QJsonValue(const QJsonValue &, bool)> withheld = [&](const QJsonValue &value, bool serialField) {
+        if (value.isArray()) {
+            QJsonArray values;
+            for (const QJsonValue &element : value.toArray())
+                values.append(withheld(element, serialField));
+            return QJsonValue(values);
+        }
+        if (value.isObject()) {
+            QJsonObject members = value.toObject();
+            for (auto member = members.begin(); member != members.end(); ++member)
+                *member = withheld(*member, false);
+            return QJsonValue(members);
+        }
+        return value.isString() && (serialField || serials.contains(value.toString())) ? QJsonValue(serialPlaceholder)
+                                                                                       : value;
+    };
+    for (Finding &finding : findings) {
+        // A release's value for a serial field, and the unit's, whatever they hold.
+        const bool serialField =
+            isSerialField(finding.data.value("section").toString(), finding.data.value("key").toString());
+        for (auto member = finding.data.begin(); member != finding.data.end(); ++member)
+            *member = withheld(*member, serialField && (member.key() == "expected" || member.key() == "actual"));
+    }
 }
 
 int countOf(const QVector<Finding> &findings, bool error)

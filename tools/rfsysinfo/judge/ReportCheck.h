@@ -23,9 +23,6 @@ struct CheckOptions
     bool strict = false;                       // warnings fail too
     std::optional<double> criticalTemperature; // the limit where the inventory gives none
     std::optional<ReleaseProfile> release;     // what the unit must carry
-    // --sanitize: serial numbers a finding must not show. A value that is one of them as a whole, and
-    // any value of a serial field, is shown as serialPlaceholder in its data (and so in its message).
-    QStringList withheldSerials;
 };
 
 // The critical temperature the check judges by: the inventory's, else the one given.
@@ -37,6 +34,11 @@ struct TemperatureLimit
 std::optional<TemperatureLimit> temperatureLimit(const Report &report, const CheckOptions &options);
 
 QVector<Finding> checkReport(const Report &report, const CheckOptions &options);
+
+// --sanitize for findings, made after the check (a replaced serial would hide a fallback): a value that
+// is one of `serials` as a whole, and a release's and the unit's value of a serial field, become
+// serialPlaceholder in the data, and so in the words.
+void sanitizeFindings(QVector<Finding> &findings, const QStringList &serials);
 
 // Whether the findings pass: no error, and with `strict` no warning either.
 bool checkPasses(const QVector<Finding> &findings, bool strict);
