@@ -6,9 +6,10 @@
 #include "devicePaths.h"
 #include "rfSystem_Info.h"
 
+#include <QProcess>
+
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -55,16 +56,14 @@ Usage currentUsage()
 // inside /tmp; they are not the device.
 std::string deviceSnapshot()
 {
-    const std::string find =
-        "find /tmp /storage /Dsp /DspCpri /sys/class/thermal /bin /usr/bin \\( -path '" RFSI_TEST_SOURCE_DIR
-        "' -o -path '" RFSI_TEST_BINARY_DIR "' \\) -prune -o -printf '%p %y %m %s %T@\\n' \\( -type f ! -path "
-        "'*bin/*' -o -type f -size -4096c \\) -exec md5sum {} + | sort";
-    std::string snapshot;
-    FILE *listing = ::popen(find.c_str(), "r");
-    for (int c; listing && (c = std::fgetc(listing)) != EOF;)
-        snapshot += static_cast<char>(c);
-    EXPECT_EQ(listing ? ::pclose(listing) : -1, 0);
-    return snapshot;
+    QProcess find; // the trees' paths are arguments of the shell, never part of its text
+    find.start("sh", {"-c",
+                      "find /tmp /storage /Dsp /DspCpri /sys/class/thermal /bin /usr/bin \\( -path \"$0\" -o -path "
+                      "\"$1\" \\) -prune -o -printf '%p %y %m %s %T@\\n' \\( -type f ! -path '*bin/*' -o -type f "
+                      "-size -4096c \\) -exec md5sum {} + | sort",
+                      RFSI_TEST_SOURCE_DIR, RFSI_TEST_BINARY_DIR});
+    EXPECT_TRUE(find.waitForFinished(60000) && find.exitCode() == 0);
+    return find.readAllStandardOutput().toStdString();
 }
 
 } // namespace

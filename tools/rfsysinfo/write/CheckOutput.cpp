@@ -13,19 +13,15 @@ QString plural(int count, const char *word)
     return QStringLiteral("%1 %2%3").arg(count).arg(QLatin1String(word)).arg(count == 1 ? "" : "s");
 }
 
-// The items of a list in a finding's data, each as `item` words it, joined by commas.
-template <typename Item>
-QString listed(const QJsonValue &list, Item item)
+// The items of a list in a finding's data, each as `item` words it (a text as it is), joined by commas.
+template <typename Item = QString (*)(const QJsonValue &)>
+QString listed(
+    const QJsonValue &list, Item item = [](const QJsonValue &value) { return value.toString(); })
 {
     QStringList items;
     for (const QJsonValue &element : list.toArray())
         items << item(element);
     return items.join(QStringLiteral(", "));
-}
-
-QString text(const QJsonValue &value)
-{
-    return value.toString();
 }
 
 // What a finding says: what it found, in the words of its id, and its data item by item.
@@ -34,8 +30,7 @@ QString message(const Finding &finding, const Report &report, const CheckOptions
     const QJsonObject &data = finding.data;
     const QString &id = finding.id;
     if (id == QLatin1String("capture.truncated"))
-        return "files cut short by the capture, what is reported of them cannot be trusted: " +
-               listed(data["files"], text);
+        return "files cut short by the capture, what is reported of them cannot be trusted: " + listed(data["files"]);
     if (id == QLatin1String("identity.fallback")) {
         QStringList items;
         if (data.contains("model"))
@@ -45,9 +40,9 @@ QString message(const Finding &finding, const Report &report, const CheckOptions
         return "identity tools missing or silent, fallback used for: " + items.join(QStringLiteral(", "));
     }
     if (id == QLatin1String("inventory.missing"))
-        return "inventory NONE (file missing or value empty): " + listed(data["keys"], text);
+        return "inventory NONE (file missing or value empty): " + listed(data["keys"]);
     if (id == QLatin1String("inventory.key-missing"))
-        return "inventory r (key missing from the file): " + listed(data["keys"], text);
+        return "inventory r (key missing from the file): " + listed(data["keys"]);
     if (id == QLatin1String("rf.revision-missing"))
         return (data["summary"] == QLatin1String(marker::keyMissing)
                     ? QStringLiteral("RF revision r (RF_REVISION missing from the file): ")
@@ -86,9 +81,9 @@ QString message(const Finding &finding, const Report &report, const CheckOptions
                    return sensor["sensor"].toString() + ' ' + reading;
                });
     if (id == QLatin1String("calibration.missing"))
-        return "calibration files missing: " + listed(data["files"], text);
+        return "calibration files missing: " + listed(data["files"]);
     if (id == QLatin1String("calibration.unreadable"))
-        return "calibration files present but unreadable: " + listed(data["files"], text);
+        return "calibration files present but unreadable: " + listed(data["files"]);
     if (id == QLatin1String("calibration.old"))
         return QStringLiteral("calibration older than %1 days: ").arg(data["maxAgeDays"].toInt()) +
                listed(data["files"], [](const QJsonValue &file) {
