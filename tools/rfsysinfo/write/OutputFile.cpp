@@ -25,11 +25,14 @@ QString systemError(const char *what)
 QString targetRefusal(int folderFd, const QByteArray &name)
 {
     struct stat info;
-    if (::fstatat(folderFd, name.constData(), &info, AT_SYMLINK_NOFOLLOW) != 0)
-        return {};
-    if (S_ISREG(info.st_mode))
+    if (::fstatat(folderFd, name.constData(), &info, AT_SYMLINK_NOFOLLOW) != 0 || S_ISREG(info.st_mode))
         return {};
     return QStringLiteral("it is %1, not a regular file; left as it is").arg(QLatin1String(nodeKindText(info.st_mode)));
+}
+
+int openFolder(const QByteArray &folder)
+{
+    return ::open(folder.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
 }
 
 } // namespace
@@ -50,93 +53,34 @@ bool writeAll(int fd, const QByteArray &content)
     return true;
 }
 
-OutputFile::OutputFile(const QString &path)
+Destination::Destination(const char *option, const QString &path, int standardOutput)
+    : option(option), path(path), standardOutput(standardOutput)
 {
+    if (toStandardOutput()) {
+        if (standardOutput < 0)
+            error = failure(QString::fromLocal8Bit(std::strerror(EBADF)));
+        return;
+    }
     const QFileInfo target(path);
     name = QFile::encodeName(target.fileName());
     folder = QFile::encodeName(target.absolutePath());
     if (name.isEmpty() || name == "." || name == "..") {
-        error = QStringLiteral("it names a folder, not a file");
+        error = failure(QStringLiteral("it names a folder, not a file"));
         return;
     }
-    const int folderFd = openFolder();
-    error = folderFd < 0 ? systemError("its folder cannot be opened") : targetRefusal(folderFd, name);
+    const int folderFd = openFolder(folder);
+    const QString refusal = folderFd < 0 ? systemError("its folder cannot be opened") : targetRefusal(folderFd, name);
     if (folderFd >= 0)
         ::close(folderFd);
+    if (!refusal.isEmpty())
+        error = failure(refusal);
 }
 
-int OutputFile::openFolder() const
-{
-    return ::open(folder.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-}
-
-bool OutputFile::write(const QByteArray &content, QString &writeError)
-{
-    const int folderFd = openFolder();
-    if (folderFd < 0) {
-        writeError = systemError("its folder cannot be opened");
-        return false;
-    }
-    const bool written = replaceIn(folderFd, content, writeError);
-    ::close(folderFd);
-    return written;
-}
-
-bool OutputFile::replaceIn(int folderFd, const QByteArray &content, QString &writeError)
-{
-    const QByteArray temporary = "." + name + ".tmp-" + QByteArray::number(::getpid());
-    const int fd = ::openat(folderFd, temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        writeError = systemError("no temporary file can be made beside it");
-        return false;
-    }
-    const bool written = writeAll(fd, content) && ::fsync(fd) == 0;
-    const int savedErrno = errno;
-    ::close(fd);
-    // Looked at again: the target may have been swapped for a link since it was opened.
-    const QString refusal = written ? targetRefusal(folderFd, name) : QString();
-    if (!refusal.isEmpty()) {
-        writeError = refusal;
-        ::unlinkat(folderFd, temporary.constData(), 0);
-        return false;
-    }
-    if (!written || ::renameat(folderFd, temporary.constData(), folderFd, name.constData()) != 0) {
-        if (written)
-            writeError = systemError("the temporary file cannot take its place");
-        else {
-            errno = savedErrno;
-            writeError = systemError("");
-        }
-        ::unlinkat(folderFd, temporary.constData(), 0);
-        return false;
-    }
-    return true;
-}
-
-Destination::Destination(const char *option, const QString &path, int standardOutput)
-    : option(option), path(path), standardOutput(standardOutput)
-{
-    if (!toStandardOutput())
-        file = std::make_unique<OutputFile>(path);
-}
-
-bool Destination::toStandardOutput() const
-{
-    return path.isEmpty() || path == QLatin1String("-");
-}
-
-QString Destination::openError() const
-{
-    if (toStandardOutput())
-        return standardOutput < 0 ? failure(QString::fromLocal8Bit(std::strerror(EBADF))) : QString();
-    return file->openError().isEmpty() ? QString() : failure(file->openError());
-}
-
-bool Destination::write(const QByteArray &content, QString &error) const
+bool Destination::write(const QByteArray &content, QString &writeError) const
 {
     QString reason;
     if (!toStandardOutput()) {
-        if (file->write(content, reason))
+        if (replaceFile(content, reason))
             return true;
     } else if (!writeAll(standardOutput, content)) {
         reason = systemError("");
@@ -146,8 +90,37 @@ bool Destination::write(const QByteArray &content, QString &error) const
     } else {
         return true;
     }
-    error = failure(reason);
+    writeError = failure(reason);
     return false;
+}
+
+bool Destination::replaceFile(const QByteArray &content, QString &reason) const
+{
+    const int folderFd = openFolder(folder);
+    if (folderFd < 0) {
+        reason = systemError("its folder cannot be opened");
+        return false;
+    }
+    const QByteArray temporary = "." + name + ".tmp-" + QByteArray::number(::getpid());
+    const int fd = ::openat(folderFd, temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    bool replaced = false;
+    if (fd < 0) {
+        reason = systemError("no temporary file can be made beside it");
+    } else {
+        const bool written = writeAll(fd, content) && ::fsync(fd) == 0;
+        reason = written ? QString() : systemError("");
+        ::close(fd);
+        // Looked at again: the target may have been swapped for a link since it was opened.
+        if (written && (reason = targetRefusal(folderFd, name)).isEmpty()) {
+            replaced = ::renameat(folderFd, temporary.constData(), folderFd, name.constData()) == 0;
+            if (!replaced)
+                reason = systemError("the temporary file cannot take its place");
+        }
+        if (!replaced)
+            ::unlinkat(folderFd, temporary.constData(), 0);
+    }
+    ::close(folderFd);
+    return replaced;
 }
 
 QString Destination::failure(const QString &reason) const
