@@ -78,9 +78,9 @@ int fail(int status, const QString &message)
 }
 
 // The value of a single-valued option, checked: given once, not empty, and no option in its place.
-bool singleValue(const QCommandLineParser &parser, const QCommandLineOption &option, QString &value, QString &error)
+bool singleValue(const QCommandLineParser &parser, const char *option, QString &value, QString &error)
 {
-    const QString name = "--" + option.names().constLast();
+    const QString name = QStringLiteral("--") + option;
     const QStringList values = parser.values(option);
     if (values.size() > 1)
         error = name + " is given more than once";
@@ -157,43 +157,36 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
         "\n\nWhat each marker (NONE, r, 1000, OK(NONE), KV720, ...) means: see rfsysinfo(1), MARKERS.");
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
-    const QCommandLineOption jsonOption("json", "Print one JSON document instead of text.");
-    const QCommandLineOption rootOption("root",
-                                        "Report on a copied device tree (for example a backup of an instrument) "
-                                        "or on a capture archive made with --capture, seen read-only.",
-                                        "DIR|CAPTURE");
-    const QCommandLineOption allowToolsOption("allow-tools", "With --root DIR: run the identity tools of the tree.");
-    const QCommandLineOption captureOption("capture",
-                                           "Write the device's state (every file the library reads, the identity "
-                                           "tools' answers, the instrument's software versions) to FILE; - is "
-                                           "standard output.",
-                                           "FILE");
-    const QCommandLineOption sanitizeOption("sanitize", "Replace every serial number by " + serialPlaceholder +
-                                                            " and withhold the names of device trees and captures.");
-    const QCommandLineOption sectionOption("section", "Report only this section (repeatable).", "NAME");
-    const QCommandLineOption checkOption("check",
-                                         "Judge the report: findings and a verdict (exit status 1 on an error).");
-    const QCommandLineOption strictOption("strict", "With --check: warnings fail too.");
-    const QCommandLineOption ageOption("max-calibration-age",
-                                       "With --check: warn about dated calibration older than DAYS days.", "DAYS");
-    const QCommandLineOption limitOption("critical-temperature",
-                                         "With --check or --metrics: judge the sensors by C °C where the inventory "
-                                         "gives no critical temperature.",
-                                         "C");
-    const QCommandLineOption metricsOption("metrics", "Print the report in Prometheus' text exposition format.");
-    const QCommandLineOption expectOption("expect",
-                                          "With --check or --metrics: the release PROFILE the unit must carry, a "
-                                          "JSON file in the report's shape reduced to what must hold.",
-                                          "PROFILE");
-    const QCommandLineOption diffOption("diff",
-                                        "Compare two reports key by key: BEFORE [AFTER], each a capture, a device "
-                                        "tree or a JSON report; AFTER is --root or this instrument when left out.");
-    const QCommandLineOption outputOption(
-        "output", "Write the report to FILE, atomically, instead of standard output; - is standard output.", "FILE");
-    const QCommandLineOption verboseOption("verbose", "Show the library's own messages on standard error.");
-    parser.addOptions({jsonOption, rootOption, allowToolsOption, captureOption, sanitizeOption, sectionOption,
-                       checkOption, strictOption, ageOption, limitOption, metricsOption, expectOption, diffOption,
-                       outputOption, verboseOption});
+    parser.addOptions({
+        {"json", "Print one JSON document instead of text."},
+        {"root",
+         "Report on a copied device tree (for example a backup of an instrument) or on a capture archive made "
+         "with --capture, seen read-only.",
+         "DIR|CAPTURE"},
+        {"allow-tools", "With --root DIR: run the identity tools of the tree."},
+        {"capture",
+         "Write the device's state (every file the library reads, the identity tools' answers, the instrument's "
+         "software versions) to FILE; - is standard output.",
+         "FILE"},
+        {"sanitize", "Replace every serial number by " + serialPlaceholder +
+                         " and withhold the names of device trees and captures."},
+        {"section", "Report only this section (repeatable).", "NAME"},
+        {"check", "Judge the report: findings and a verdict (exit status 1 on an error)."},
+        {"strict", "With --check: warnings fail too."},
+        {"max-calibration-age", "With --check: warn about dated calibration older than DAYS days.", "DAYS"},
+        {"critical-temperature",
+         "With --check or --metrics: judge the sensors by C °C where the inventory gives no critical temperature.",
+         "C"},
+        {"metrics", "Print the report in Prometheus' text exposition format."},
+        {"expect",
+         "With --check or --metrics: the release PROFILE the unit must carry, a JSON file in the report's shape "
+         "reduced to what must hold.",
+         "PROFILE"},
+        {"diff", "Compare two reports key by key: BEFORE [AFTER], each a capture, a device tree or a JSON report; "
+                 "AFTER is --root or this instrument when left out."},
+        {"output", "Write the report to FILE, atomically, instead of standard output; - is standard output.", "FILE"},
+        {"verbose", "Show the library's own messages on standard error."},
+    });
 
     if (!parser.parse(app.arguments())) {
         error = parser.errorText();
@@ -204,12 +197,13 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
     if (parser.isSet(versionOption))
         parser.showVersion();
     QString age, limit, profile;
-    if (!singleValue(parser, rootOption, settings.deviceTree, error) ||
-        !singleValue(parser, captureOption, settings.capture, error) ||
-        !singleValue(parser, outputOption, settings.output, error) || !singleValue(parser, ageOption, age, error) ||
-        !singleValue(parser, limitOption, limit, error) || !singleValue(parser, expectOption, profile, error))
+    if (!singleValue(parser, "root", settings.deviceTree, error) ||
+        !singleValue(parser, "capture", settings.capture, error) ||
+        !singleValue(parser, "output", settings.output, error) ||
+        !singleValue(parser, "max-calibration-age", age, error) ||
+        !singleValue(parser, "critical-temperature", limit, error) || !singleValue(parser, "expect", profile, error))
         return false;
-    settings.diff = parser.isSet(diffOption);
+    settings.diff = parser.isSet("diff");
     if (settings.diff) {
         settings.diffSides = parser.positionalArguments();
         if (settings.diffSides.isEmpty() || settings.diffSides.size() > 2 || settings.diffSides.contains(QString())) {
@@ -221,14 +215,14 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
         error = "unexpected argument '" + parser.positionalArguments().first() + "'";
         return false;
     }
-    settings.json = parser.isSet(jsonOption);
-    settings.sanitize = parser.isSet(sanitizeOption);
-    settings.verbose = parser.isSet(verboseOption);
-    settings.allowTools = parser.isSet(allowToolsOption);
-    settings.sections = parser.values(sectionOption);
-    settings.check = parser.isSet(checkOption);
-    settings.metrics = parser.isSet(metricsOption);
-    settings.strict = parser.isSet(strictOption);
+    settings.json = parser.isSet("json");
+    settings.sanitize = parser.isSet("sanitize");
+    settings.verbose = parser.isSet("verbose");
+    settings.allowTools = parser.isSet("allow-tools");
+    settings.sections = parser.values("section");
+    settings.check = parser.isSet("check");
+    settings.metrics = parser.isSet("metrics");
+    settings.strict = parser.isSet("strict");
     if (!age.isEmpty()) {
         const std::optional<double> days =
             numberOption("--max-calibration-age", age, 0, longestCalibrationAge, true, error);
