@@ -43,27 +43,6 @@ int usage(const char *program)
     return usageError;
 }
 
-// A capture is read before the root is entered, where the archive still stands at its path. Nothing
-// when `path` is a folder (a device tree) or cannot be read (`error` says why).
-std::optional<DeviceState> readCapture(const std::string &path, bool &isFolder, std::string &error)
-{
-    QString reason;
-    const int fd = openInput(QString::fromStdString(path), true, isFolder, reason);
-    if (fd < 0 || isFolder) {
-        if (fd < 0)
-            error = "cannot read " + path + ": " + reason.toStdString();
-        else
-            ::close(fd);
-        return std::nullopt;
-    }
-    QString refusal;
-    std::optional<DeviceState> state = readCaptureArchive(fd, refusal);
-    ::close(fd);
-    if (!state)
-        error = "refused the capture " + path + ": " + refusal.toStdString();
-    return state;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -95,10 +74,10 @@ int main(int argc, char **argv)
     std::optional<DeviceState> capture;
     if (!options.deviceTree.empty()) {
         bool isFolder = false;
-        std::string error;
-        capture = readCapture(options.deviceTree, isFolder, error);
+        QString error;
+        capture = readCaptureAt(QFile::decodeName(options.deviceTree.c_str()), isFolder, error);
         if (!capture && !isFolder) {
-            std::fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
+            std::fprintf(stderr, "%s: %s\n", argv[0], qPrintable(error));
             return setupError;
         }
         if (capture)

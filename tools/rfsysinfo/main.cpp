@@ -329,22 +329,6 @@ bool enterDeviceTree(const Settings &settings, QString &error)
            removeTools(foreignTools, error);
 }
 
-// Enters an empty device root and puts the captured state (read from `fd`) into it.
-std::optional<DeviceState> enterCapture(const Settings &settings, int fd, QString &error)
-{
-    QString refusal;
-    std::optional<DeviceState> state = readCaptureArchive(fd, refusal);
-    ::close(fd);
-    if (!state) {
-        error = QStringLiteral("refused the capture %1: %2").arg(settings.deviceTree, refusal);
-        return std::nullopt;
-    }
-    const QString source = QStringLiteral("the capture %1").arg(settings.deviceTree);
-    if (!enterDeviceRoot({}, source, error) || !applyDeviceState(*state, error))
-        return std::nullopt;
-    return state;
-}
-
 // Whether the identity tools answer: on this instrument always, for a tree only when allowed, and
 // for a capture as they answered when it was made.
 bool identityToolsAnswer(const Settings &settings, const DeviceState *replayed)
@@ -493,19 +477,17 @@ int diff(const Settings &settings, const Destination &output)
 Made make(const Settings &settings)
 {
     QString error;
-    // The identity tools answer on this instrument, for a tree only when allowed, and for a capture
-    // as they answered when it was made.
-    std::optional<DeviceState> replayed;
     bool treeIsFolder = false;
-    const int treeFd = settings.deviceTree.isEmpty() ? -1 : openInput(settings.deviceTree, true, treeIsFolder, error);
-    if (!settings.deviceTree.isEmpty() && treeFd < 0)
-        return failed(exitDeviceRoot, QStringLiteral("cannot read %1: %2").arg(settings.deviceTree, error));
-    const bool replay = treeFd >= 0 && !treeIsFolder;
-    if (treeFd >= 0 && treeIsFolder)
-        ::close(treeFd); // the device root opens the tree's folders itself
+    std::optional<DeviceState> replayed;
+    if (!settings.deviceTree.isEmpty()) {
+        replayed = readCaptureAt(settings.deviceTree, treeIsFolder, error);
+        if (!replayed && !treeIsFolder)
+            return failed(exitDeviceRoot, error);
+    }
+    const bool replay = replayed.has_value();
     if (replay) {
-        replayed = enterCapture(settings, treeFd, error);
-        if (!replayed)
+        if (!enterDeviceRoot({}, QStringLiteral("the capture %1").arg(settings.deviceTree), error) ||
+            !applyDeviceState(*replayed, error))
             return failed(exitDeviceRoot, error);
     } else if (!settings.deviceTree.isEmpty()) {
         if (!enterDeviceTree(settings, error))

@@ -454,3 +454,21 @@ std::optional<DeviceState> readCaptureArchive(int fd, QString &refusal)
         return std::nullopt;
     return EntryReader(*stream).read(refusal);
 }
+
+std::optional<DeviceState> readCaptureAt(const QString &path, bool &isFolder, QString &error)
+{
+    QString reason;
+    const int fd = openInput(path, true, isFolder, reason);
+    if (fd < 0)
+        error = QStringLiteral("cannot read %1: %2").arg(path, reason);
+    if (fd < 0 || isFolder) {
+        if (fd >= 0)
+            ::close(fd); // a device root opens the tree's folders itself
+        return std::nullopt;
+    }
+    std::optional<DeviceState> state = readCaptureArchive(fd, reason);
+    ::close(fd);
+    if (!state)
+        error = QStringLiteral("refused the capture %1: %2").arg(path, reason);
+    return state;
+}

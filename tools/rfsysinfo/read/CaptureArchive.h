@@ -27,4 +27,8 @@ std::optional<QByteArray> captureArchive(const DeviceState &state, QString &erro
 // than the caps allow.
 std::optional<DeviceState> readCaptureArchive(int fd, QString &refusal);
 
+// The capture at `path`, read before any device root hides it. Nothing when `path` is a folder (a
+// device tree: `isFolder`), or cannot be read or is refused (`error` says why, naming the path).
+std::optional<DeviceState> readCaptureAt(const QString &path, bool &isFolder, QString &error);
+
 #endif // RFSYSINFO_CAPTUREARCHIVE_H
