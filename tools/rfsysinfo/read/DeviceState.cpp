@@ -22,12 +22,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::pair<NodeKind, const char *> kindNames[] = {
-    {NodeKind::File, "file"},
-    {NodeKind::Missing, "missing"},
-    {NodeKind::Folder, "folder"},
-    {NodeKind::Other, "other"},
-};
+// The manifest's names of the kinds, in NodeKind's order.
+const QStringList kindNames = {"file", "missing", "folder", "other"};
 
 // Where a replay keeps the recorded answers: one file per program and field, below this folder and
 // the program's own path. Outside every fixed path, so the library never sees it.
@@ -214,21 +210,15 @@ bool readUpTo(int fd, qint64 limit, QByteArray &content)
 
 QString nodeKindName(NodeKind kind)
 {
-    for (const auto &[known, name] : kindNames)
-        if (known == kind)
-            return QLatin1String(name);
-    return {};
+    return kindNames.value(static_cast<int>(kind));
 }
 
 bool nodeKindFromName(const QString &name, NodeKind &kind)
 {
-    for (const auto &[known, knownName] : kindNames) {
-        if (name == QLatin1String(knownName)) {
-            kind = known;
-            return true;
-        }
-    }
-    return false;
+    const int index = static_cast<int>(kindNames.indexOf(name));
+    if (index >= 0)
+        kind = static_cast<NodeKind>(index);
+    return index >= 0;
 }
 
 QStringList capturedFilePaths()
