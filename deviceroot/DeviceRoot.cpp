@@ -5,6 +5,7 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 
@@ -90,26 +91,15 @@ void writeProcFile(const std::string &path, const std::string &text)
         fail("write " + path);
 }
 
-void makeFolder(const std::string &path, mode_t mode)
-{
-    if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST)
-        fail("create folder " + path);
-    // mkdir's mode is filtered by the umask; /tmp needs its sticky, world-writable mode as it is.
-    if (::chmod(path.c_str(), mode) != 0)
-        fail("set mode of " + path);
-}
-
 void makeFolders(const std::string &path, mode_t mode = 0755)
 {
-    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-        const std::string parent = path.substr(0, slash);
-        struct stat info;
-        if (::stat(parent.c_str(), &info) != 0)
-            makeFolder(parent, 0755);
-    }
-    struct stat info;
-    if (::stat(path.c_str(), &info) != 0)
-        makeFolder(path, mode);
+    std::error_code error;
+    const bool created = std::filesystem::create_directories(path, error);
+    if (error)
+        fail("create folder " + path, error.value());
+    // mkdir's mode is filtered by the umask; /tmp needs its sticky, world-writable mode as it is.
+    if (created && ::chmod(path.c_str(), mode) != 0)
+        fail("set mode of " + path);
 }
 
 void mountOrFail(const std::string &source, const std::string &target, const char *type, unsigned long flags,
@@ -218,8 +208,8 @@ void emptyFolder(const std::string &path)
 
 bool isFolder(const std::string &path)
 {
-    struct stat info;
-    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    std::error_code ignored;
+    return std::filesystem::is_directory(path, ignored);
 }
 
 bool isProgramFolder(const std::string &fixedPath)
@@ -556,12 +546,6 @@ void lockSys(const std::string &root)
     mountOrFail({}, sys, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | lockedFlags(sys), {}, "make /sys read-only");
 }
 
-std::string currentFolder()
-{
-    char buffer[PATH_MAX];
-    return ::getcwd(buffer, sizeof buffer) ? buffer : "/";
-}
-
 // Builds the root and makes it this process's "/". Every descriptor of a host folder it opens is
 // closed when it returns: a descriptor left open would lead back to the host through /proc/<pid>/fd.
 void buildRoot(const Options &options, const std::string &hostBin)
@@ -628,7 +612,8 @@ bool isInside()
 void enter(const Options &options)
 {
     checkDeviceTree(options.deviceTree);
-    const std::string workingFolder = currentFolder();
+    std::error_code noFolder;
+    const std::string workingFolder = std::filesystem::current_path(noFolder).string();
     // Nested roots take the host's /usr/bin from the outer root's pristine copy, not its overlay.
     const std::string hostBin = isInside() ? hostBinFolder : "/usr/bin";
 
