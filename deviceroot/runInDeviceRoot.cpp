@@ -10,14 +10,12 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string>
 
-#include <fcntl.h>
 #include <getopt.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -27,12 +25,9 @@ constexpr int setupError = 3;
 
 std::string absolutePath(const char *path)
 {
-    char *resolved = ::realpath(path, nullptr);
-    if (!resolved)
-        return path; // enter() names the path that does not exist
-    std::string result = resolved;
-    std::free(resolved);
-    return result;
+    std::error_code missing; // enter() names the path that does not exist
+    const std::filesystem::path resolved = std::filesystem::canonical(path, missing);
+    return missing ? path : resolved.string();
 }
 
 int usage(const char *program)
