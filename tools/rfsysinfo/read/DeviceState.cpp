@@ -68,8 +68,9 @@ DeviceNode readNode(const QString &path, qint64 copyLimit)
     return node;
 }
 
-// The inventory file with the value of each serial key replaced, and every other value that is one of
-// `serials` as a whole, whatever section it stands in; every other byte, line ends included, as it was.
+// The inventory file with the value of each serial key replaced (unless it is empty or a marker), and
+// every other value that is one of `serials` as a whole, whatever section it stands in; every other
+// byte, line ends included, as it was.
 QByteArray withSerialValuesReplaced(const QByteArray &inventory, const QStringList &serials,
                                     const QByteArray &placeholder)
 {
@@ -84,7 +85,8 @@ QByteArray withSerialValuesReplaced(const QByteArray &inventory, const QStringLi
         QByteArray value = line.mid(equals + 1).trimmed();
         if (value.size() >= 2 && value.startsWith('"') && value.endsWith('"'))
             value = value.mid(1, value.size() - 2);
-        if (serialKey || serials.contains(QString::fromUtf8(value)))
+        // An empty serial stays empty: a replay must show it missing, as the check on the device does.
+        if ((serialKey && !isMarkerText(QString::fromUtf8(value))) || serials.contains(QString::fromUtf8(value)))
             line = line.left(equals + 1) + placeholder + (line.endsWith('\r') ? "\r" : "");
     }
     return lines.join('\n');

@@ -80,9 +80,10 @@ QStringList identityToolPaths();
 DeviceState readDeviceState(rfSystemInfo &info, bool askTools);
 
 // Replaces the serial numbers where they stand as whole values: the values of the inventory file's
-// serial keys and its other values that are one of `serials`, and the identity tools' answers that are
-// one of them (the serial field's answer always), and the board description's JSON texts that are one
-// of them. Nothing else of the copied files is touched.
+// serial keys (an empty one or a marker stays, so that a replay shows it missing) and its other values
+// that are one of `serials`, and the identity tools' answers that are one of them (the serial field's
+// answer always, unless empty), and the board description's JSON texts that are one of them. Nothing
+// else of the copied files is touched.
 void replaceSerials(DeviceState &state, const QStringList &serials, const QString &placeholder);
 
 // Inside a private device root: makes every fixed path hold what `state` recorded, and lets the
