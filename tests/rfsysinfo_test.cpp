@@ -289,6 +289,10 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
     fs::create_directories("/storage/full");
     ASSERT_EQ(::mount("tmpfs", "/storage/full", "tmpfs", 0, "size=4k"), 0);
     writeDeviceFile("/storage/full/taken", std::string(4096, 'x'));
+    const ToolRun full = rfsysinfo(QStringList{"--check", "--output", "/storage/full/report"} + sampleWithTools);
+    EXPECT_EQ(full.status, 4);
+    EXPECT_EQ(full.err, "rfsysinfo: cannot write --output /storage/full/report: No space left on device\n");
+    EXPECT_EQ(std::distance(fs::directory_iterator("/storage/full"), {}), 1) << "a temporary file was left";
     const QString tool = QStringLiteral(RFSI_TEST_RFSYSINFO);
     const std::pair<QString, QString> standardOutputs[] = {
         {"\"$0\" --check --root \"$1\" --allow-tools >/storage/full/report", "No space left on device"},
