@@ -69,6 +69,7 @@ TEST_F(DeviceRootTest, TheRootShowsOnlyWhatItWasBuiltWithAgainAfterAReset)
         EXPECT_EQ(ownEntries(folder), std::vector<std::string>()) << folder;
         EXPECT_TRUE(canCreate(folder + "/probe")) << folder;
     }
+    EXPECT_EQ(fs::status("/tmp").permissions(), fs::perms::all | fs::perms::sticky_bit) << "/tmp as on any system";
     for (const char *path : {"/usr/probe", "/etc/probe", "/dev/probe"}) {
         EXPECT_FALSE(canCreate(path)) << path;
         EXPECT_EQ(errno, EROFS) << path;
