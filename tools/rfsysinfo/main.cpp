@@ -484,8 +484,7 @@ Made make(const Settings &settings)
         if (!replayed && !treeIsFolder)
             return failed(exitDeviceRoot, error);
     }
-    const bool replay = replayed.has_value();
-    if (replay) {
+    if (replayed) {
         if (!enterDeviceRoot({}, QStringLiteral("the capture %1").arg(settings.deviceTree), error) ||
             !applyDeviceState(*replayed, error))
             return failed(exitDeviceRoot, error);
@@ -506,7 +505,7 @@ Made make(const Settings &settings)
     }
     if (!settings.capture.isEmpty())
         return capture(settings, replayed ? &*replayed : nullptr);
-    const ReportSource source{RFSI_VERSION, settings.deviceTree, replay, false, std::nullopt, {}};
+    const ReportSource source{RFSI_VERSION, settings.deviceTree, replayed.has_value(), false, std::nullopt, {}};
     return report(settings, source, replayed ? &*replayed : nullptr);
 }
 

@@ -447,28 +447,20 @@ std::optional<QByteArray> captureArchive(const DeviceState &state, QString &erro
     return archiveBytes;
 }
 
-std::optional<DeviceState> readCaptureArchive(int fd, QString &refusal)
-{
-    const std::optional<QByteArray> stream = decompressedStream(fd, refusal);
-    if (!stream)
-        return std::nullopt;
-    return EntryReader(*stream).read(refusal);
-}
-
 std::optional<DeviceState> readCaptureAt(const QString &path, bool &isFolder, QString &error)
 {
     QString reason;
     const int fd = openInput(path, true, isFolder, reason);
-    if (fd < 0)
+    if (fd < 0) {
         error = QStringLiteral("cannot read %1: %2").arg(path, reason);
-    if (fd < 0 || isFolder) {
-        if (fd >= 0)
-            ::close(fd); // a device root opens the tree's folders itself
         return std::nullopt;
     }
-    std::optional<DeviceState> state = readCaptureArchive(fd, reason);
+    std::optional<QByteArray> stream;
+    if (!isFolder) // a device root opens a tree's folders itself
+        stream = decompressedStream(fd, reason);
     ::close(fd);
-    if (!state)
+    std::optional<DeviceState> state = stream ? EntryReader(*stream).read(reason) : std::nullopt;
+    if (!state && !isFolder)
         error = QStringLiteral("refused the capture %1: %2").arg(path, reason);
     return state;
 }

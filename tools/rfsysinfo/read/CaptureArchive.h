@@ -21,14 +21,11 @@ constexpr qint64 manifestCap = 1 << 20;
 // The archive of `state`, made as its origin says; nothing (with `error`) when libarchive fails.
 std::optional<QByteArray> captureArchive(const DeviceState &state, QString &error);
 
-// Reads a capture archive from `fd`. An archive is untrusted input: anything a capture does not
-// write is refused, with a one-line reason that names the entry, before anything is put anywhere.
-// Decompression stops at the caps, so a small archive that would unpack to gigabytes costs no more
-// than the caps allow.
-std::optional<DeviceState> readCaptureArchive(int fd, QString &refusal);
-
 // The capture at `path`, read before any device root hides it. Nothing when `path` is a folder (a
-// device tree: `isFolder`), or cannot be read or is refused (`error` says why, naming the path).
+// device tree: `isFolder`), or cannot be read or is refused (`error` says why, naming the path). An
+// archive is untrusted input: anything a capture does not write is refused, with a one-line reason
+// that names the entry, before anything is put anywhere. Decompression stops at the caps, so a small
+// archive that would unpack to gigabytes costs no more than the caps allow.
 std::optional<DeviceState> readCaptureAt(const QString &path, bool &isFolder, QString &error);
 
 #endif // RFSYSINFO_CAPTUREARCHIVE_H
