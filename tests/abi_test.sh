@@ -4,8 +4,7 @@
 # and listed.
 #   abi_test.sh SOURCE_DIR LIBRARY
 set -eu
-source_dir=$1
-library=$2
+source_dir=$1 library=$2
 baseline=$source_dir/abi/librfSystemInfo.so.1.abi
 status=0
 abidiff --no-added-syms --headers-dir2 "$source_dir/rfSystemInfo" "$baseline" "$library" || status=$?

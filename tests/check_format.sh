@@ -3,9 +3,6 @@
 set -eu
 clang_format=$1
 files=$(git ls-files --cached --others --exclude-standard '*.cpp' '*.h')
-if [ -z "$files" ]; then
-    echo "no C++ sources found to check" >&2
-    exit 1
-fi
+[ -n "$files" ] || { echo "no C++ sources found to check" >&2; exit 1; }
 echo "$files" | xargs "$clang_format" --dry-run --Werror
 echo "$(echo "$files" | wc -l) files follow .clang-format"

@@ -66,18 +66,11 @@ void reapEveryChild(int)
 
 struct sigaction disposition(const std::string &disposition)
 {
-    struct sigaction action
-    {
-    };
+    struct sigaction action = {};
     action.sa_handler = disposition == "ignored" ? SIG_IGN : disposition == "reaped" ? reapEveryChild : SIG_DFL;
     action.sa_flags = disposition == "nocldwait" ? SA_NOCLDWAIT : disposition == "reaped" ? SA_RESTART : 0;
     EXPECT_TRUE(disposition.empty() || action.sa_handler != SIG_DFL || action.sa_flags != 0) << disposition;
     return action;
-}
-
-struct sigaction callerDisposition()
-{
-    return disposition(std::getenv("RFSI_TEST_SIGCHLD") ? std::getenv("RFSI_TEST_SIGCHLD") : "");
 }
 
 // Another thread of the caller that forks all the while (up to 100 children): each child holds a copy
@@ -103,7 +96,8 @@ protected:
     void SetUp() override
     {
         DeviceTest::SetUp();
-        const struct sigaction action = callerDisposition();
+        const char *sigchld = std::getenv("RFSI_TEST_SIGCHLD");
+        const struct sigaction action = disposition(sigchld ? sigchld : "");
         ASSERT_EQ(::sigaction(SIGCHLD, &action, nullptr), 0);
     }
     void TearDown() override { ::signal(SIGCHLD, SIG_DFL); }

@@ -6,10 +6,7 @@
 #   debian_packages_test.sh SOURCE_DIR BUILD_DIR ARCH SYSROOT       cross-built for ARCH (armhf, arm64)
 #                                                                   with the target sysroot, run under qemu-user
 set -eu
-source_dir=$(realpath "$1")
-build_dir=$(realpath "$2")
-arch=${3:-$(dpkg --print-architecture)}
-sysroot=${4:-}
+source_dir=$(realpath "$1") build_dir=$(realpath "$2") arch=${3:-$(dpkg --print-architecture)} sysroot=${4:-}
 work=$build_dir/debian-packages
 triplet=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
 

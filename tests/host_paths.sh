@@ -19,10 +19,7 @@ state() {
 case "${1:-}" in
 snapshot) state >"$2" ;;
 compare)
-    if ! state | diff -u "$2" - ; then
-        echo "the test run changed the host's instrument paths (above)" >&2
-        exit 1
-    fi
+    state | diff -u "$2" - || { echo "the test run changed the host's instrument paths (above)" >&2; exit 1; }
     echo "host instrument paths unchanged"
     ;;
 *) echo "usage: $0 snapshot|compare FILE" >&2; exit 2 ;;

@@ -9,8 +9,5 @@ mkdir -p "$folder"
 localedef -i "${locale%.*}" -f "${locale#*.}" "$folder/$locale" || [ -f "$folder/$locale/LC_CTYPE" ]
 export LOCPATH="$folder" LC_ALL="$locale"
 # A locale that does not load leaves the run in the C locale, which would prove nothing.
-if locale 2>&1 >/dev/null | grep .; then
-    echo "FAIL: $locale does not load from $folder" >&2
-    exit 1
-fi
+! locale 2>&1 >/dev/null | grep . || { echo "FAIL: $locale does not load from $folder" >&2; exit 1; }
 exec "$@"

@@ -3,8 +3,7 @@
 # library through their run paths) and runs what it installed.
 #   install_test.sh SOURCE_DIR BUILD_DIR
 set -eu
-source_dir=$1
-build_dir=$2
+source_dir=$1 build_dir=$2
 work=$build_dir/install-test
 
 rm -rf "$work"

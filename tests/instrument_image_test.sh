@@ -11,15 +11,10 @@
 #   - apt purge of our packages leaves no file of theirs behind, no unit at work, no metrics served.
 #   instrument_image_test.sh SOURCE_DIR IMAGE_DIR
 set -eu
-source_dir=$(realpath "$1")
-dir=$2
+source_dir=$(realpath "$1") dir=$2
 image=$source_dir/scripts/instrument-image
 work=$(mktemp -d)
-cleanup() {
-    "$image" stop "$dir" || true
-    rm -rf "$work"
-}
-trap cleanup EXIT INT TERM
+trap '"$image" stop "$dir" || true; rm -rf "$work"' EXIT INT TERM
 fail() { echo "FAIL: $*" >&2; exit 1; }
 on_instrument() { "$image" ssh "$dir" "$@"; }
 free_port() {

@@ -6,9 +6,7 @@
 # instrument_image_test.sh.)
 #   metrics_test.sh SOURCE_DIR BUILD_DIR RFSYSINFO
 set -eu
-source_dir=$1
-build_dir=$2
-rfsysinfo=$3
+source_dir=$1 build_dir=$2 rfsysinfo=$3
 work=$(mktemp -d "$build_dir/metrics-test.XXXXXX")
 trap 'rm -rf "$work"' EXIT INT TERM
 fail() { echo "FAIL: $*" >&2; exit 1; }

@@ -15,8 +15,7 @@ set -- "$packages"/librfsysteminfo1_*_"$arch".deb "$packages"/librfsysteminfo-de
 for deb in "$@"; do
     [ -f "$deb" ] || { echo "FAIL: no $deb (the test debian_packages makes it)" >&2; exit 1; }
 done
-rm -rf "$work"
-mkdir -p "$work"
+rm -rf "$work" && mkdir -p "$work"
 mmdebstrap --variant=minbase bookworm "$work/bookworm.tar.gz" "$sources" >"$work/mmdebstrap.log" 2>&1 ||
     { tail -20 "$work/mmdebstrap.log"; echo "FAIL: cannot make the chroot" >&2; exit 1; }
 # The chroot keeps the sources mmdebstrap gave it: the machine's.

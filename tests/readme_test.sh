@@ -5,8 +5,7 @@
 # tool commands run on the booted instrument (instrument_image_test.sh).
 #   readme_test.sh SOURCE_DIR BUILD_DIR
 set -eu
-source_dir=$(realpath "$1")
-build_dir=$(realpath "$2")
+source_dir=$(realpath "$1") build_dir=$(realpath "$2")
 readme=$source_dir/README.md
 fail() { echo "FAIL: $*" >&2; exit 1; }
 # The lines of the README's code blocks of KIND, from the Nth such block on (1: all).

@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <tuple>
 
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -204,12 +205,7 @@ TEST_F(RfsysinfoTest, CheckExitStatusFollowsTheVerdictAndItsOptions)
     // Its oldest is 2025-09-29: exactly that many days old is still within the limit.
     const QString oldestAge = QString::number(QDate(2025, 9, 29).daysTo(QDate::currentDate()));
     const QString youngerLimit = QString::number(oldestAge.toInt() - 1);
-    const struct
-    {
-        QStringList options;
-        int status;
-        int oldFiles;
-    } cases[] = {
+    const std::tuple<QStringList, int, int> cases[] = {
         {{}, 0, 0},
         {{"--strict"}, 0, 0},
         {{"--max-calibration-age", oldestAge}, 0, 0},

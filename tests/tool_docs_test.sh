@@ -3,8 +3,7 @@
 # completion offers the section names, and man finds nothing wrong in the page.
 #   tool_docs_test.sh SOURCE_DIR RFSYSINFO
 set -eu
-source_dir=$1
-rfsysinfo=$2
+source_dir=$1 rfsysinfo=$2
 page=$source_dir/docs/rfsysinfo.1
 completion=$source_dir/tools/rfsysinfo/completion/rfsysinfo
 fail() { echo "FAIL: $*" >&2; exit 1; }

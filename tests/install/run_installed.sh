@@ -3,10 +3,7 @@
 # built against the installed development files through the CMake package and through pkg-config.
 #   run_installed.sh SOURCE_DIR BUILD_DIR WORK_DIR [PREFIX]      without PREFIX: installed in /usr
 set -eu
-source_dir=$1
-build_dir=$2
-work=$3
-prefix=${4:-}
+source_dir=$1 build_dir=$2 work=$3 prefix=${4:-}
 expected=$(cat "$source_dir/tests/install/caller.expected")
 # The version the packages are released as is the version the tool reports.
 version=$(dpkg-parsechangelog -l "$source_dir/debian/changelog" -S Version)

@@ -64,9 +64,7 @@ void installTool(const std::string &path, const std::string &script)
 void inFreshProcess(const std::function<void()> &checks)
 {
     // The test binary waits for its fresh process with SIGCHLD at its default, whatever the test set.
-    struct sigaction callers
-    {
-    }, waiting{};
+    struct sigaction callers = {}, waiting = {};
     waiting.sa_handler = SIG_DFL;
     ::sigaction(SIGCHLD, &waiting, &callers);
     // gtest silences a death test child's own reports, so the child collects its results and writes
