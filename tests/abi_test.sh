@@ -8,10 +8,8 @@ source_dir=$1 library=$2
 baseline=$source_dir/abi/librfSystemInfo.so.1.abi
 status=0
 abidiff --no-added-syms --headers-dir2 "$source_dir/rfSystemInfo" "$baseline" "$library" || status=$?
-if [ "$status" -ne 0 ]; then
-    echo "FAIL: the binary interface differs from librfSystemInfo.so.1 as released (abidiff exit $status)" >&2
-    exit 1
-fi
+[ "$status" -eq 0 ] ||
+    { echo "FAIL: the binary interface differs from librfSystemInfo.so.1 as released (abidiff exit $status)" >&2; exit 1; }
 added=$(abidiff --headers-dir2 "$source_dir/rfSystemInfo" "$baseline" "$library" | sed -n '/Added function/,$p' || true)
 [ -z "$added" ] || printf 'symbols added since 1.0.0 (allowed):\n%s\n' "$added"
 echo "ok: librfSystemInfo.so.1 keeps the binary interface it was released with"

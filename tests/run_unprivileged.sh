@@ -2,9 +2,7 @@
 # Runs a test binary as an unprivileged user, where the device root needs a user namespace.
 set -u
 test_binary=$1
-if [ "$(id -u)" -ne 0 ]; then
-    exec "$test_binary"
-fi
+[ "$(id -u)" -eq 0 ] || exec "$test_binary"
 user=nobody
 run_as() { setpriv --reuid="$user" --regid="$(id -g "$user")" --clear-groups "$@"; }
 if ! run_as test -x "$test_binary" 2>/dev/null; then
