@@ -2,11 +2,11 @@
 # are made from it by debian/rules.
 include(CMakePackageConfigHelpers)
 
-set(RFSI_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/rfSystemInfo)
+set(RFSI_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/${RFSI_PACKAGE_NAME})
 
 install(TARGETS rfSystemInfo EXPORT rfSystemInfoTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
-    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/rfSystemInfo COMPONENT development)
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${RFSI_PACKAGE_NAME} COMPONENT development)
 # The stand-ins (or the link to the instrument's own services) are only ever reached through
 # librfSystemInfo: in a folder of its own (found through the library's run path), exported so that a
 # caller's link finds them, with no development link of their own.
@@ -28,15 +28,15 @@ install(FILES examples/prometheus/rfsysinfo-rules.yml examples/prometheus/rfsysi
 
 install(EXPORT rfSystemInfoTargets NAMESPACE rfSystemInfo:: DESTINATION ${RFSI_CMAKE_DIR} COMPONENT development)
 configure_package_config_file(cmake/rfSystemInfoConfig.cmake.in
-    ${PROJECT_BINARY_DIR}/rfSystemInfoConfig.cmake INSTALL_DESTINATION ${RFSI_CMAKE_DIR})
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/rfSystemInfoConfigVersion.cmake
+    ${PROJECT_BINARY_DIR}/${RFSI_PACKAGE_NAME}Config.cmake INSTALL_DESTINATION ${RFSI_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/${RFSI_PACKAGE_NAME}ConfigVersion.cmake
     COMPATIBILITY SameMajorVersion)
-install(FILES ${PROJECT_BINARY_DIR}/rfSystemInfoConfig.cmake ${PROJECT_BINARY_DIR}/rfSystemInfoConfigVersion.cmake
+install(FILES ${PROJECT_BINARY_DIR}/${RFSI_PACKAGE_NAME}Config.cmake ${PROJECT_BINARY_DIR}/${RFSI_PACKAGE_NAME}ConfigVersion.cmake
     DESTINATION ${RFSI_CMAKE_DIR} COMPONENT development)
 
 # The .pc file finds its prefix from where it stands, so an installed tree can move.
 file(RELATIVE_PATH RFSI_PC_PREFIX_FROM_PCDIR /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 string(REGEX REPLACE "/$" "" RFSI_PC_PREFIX_FROM_PCDIR "${RFSI_PC_PREFIX_FROM_PCDIR}")
-configure_file(cmake/rfSystemInfo.pc.in ${PROJECT_BINARY_DIR}/rfSystemInfo.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/rfSystemInfo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+configure_file(cmake/rfSystemInfo.pc.in ${PROJECT_BINARY_DIR}/${RFSI_PACKAGE_NAME}.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/${RFSI_PACKAGE_NAME}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
     COMPONENT development)

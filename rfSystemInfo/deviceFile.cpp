@@ -6,8 +6,10 @@
 #include <QHash>
 #include <QMutex>
 #include <QSettings>
-#include <QTextCodec>
 #include <QTextStream>
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+#include <QTextCodec>
+#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -38,11 +40,11 @@ QString textUpToNul(const QByteArray &bytes)
     return textUpToNul(bytes.constData(), bytes.size());
 }
 
-std::optional<QByteArray> readDeviceBytes(const char *path, bool firstLineOnly)
+namespace {
+
+// The bytes of the open file `fd` from where it stands: all, or up to and including the first line feed.
+QByteArray readBytes(int fd, bool firstLineOnly)
 {
-    const int fd = paths::openRegularFile(path);
-    if (fd < 0)
-        return std::nullopt;
     QByteArray bytes;
     char buffer[16384];
     for (;;) {
@@ -58,6 +60,17 @@ std::optional<QByteArray> readDeviceBytes(const char *path, bool firstLineOnly)
         }
         bytes.append(buffer, static_cast<int>(count));
     }
+    return bytes;
+}
+
+} // namespace
+
+std::optional<QByteArray> readDeviceBytes(const char *path, bool firstLineOnly)
+{
+    const int fd = paths::openRegularFile(path);
+    if (fd < 0)
+        return std::nullopt;
+    const QByteArray bytes = readBytes(fd, firstLineOnly);
     ::close(fd);
     return bytes;
 }
@@ -115,9 +128,13 @@ std::optional<CountedList> readCountedList(const QString &path, int capacity)
     if (!openForReading(file))
         return std::nullopt;
     QTextStream stream(&file);
-    // The lists are written in UTF-8 whatever the caller's locale; looked up once, not per call.
-    static QTextCodec *const utf8 = QTextCodec::codecForMib(106);
+    // The lists are written in UTF-8 whatever the caller's locale (Qt 5 would take the locale's).
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+    static QTextCodec *const utf8 = QTextCodec::codecForMib(106); // looked up once, not per call
     stream.setCodec(utf8);
+#else
+    stream.setEncoding(QStringConverter::Utf8);
+#endif
     list.count = stream.readLine().toInt();
     const int kept = std::clamp(list.count, 0, capacity);
     list.entries.reserve(static_cast<size_t>(kept));
@@ -181,6 +198,54 @@ QString nameForQSettings(int fd, const FileStamp &stamp, const QString &path)
     return name;
 }
 
+FileStamp stampOf(const struct stat &info)
+{
+    return {info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim};
+}
+
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+// The instrument's programs know the answers of Qt 5, which reads an INI file byte by byte as Latin-1,
+// or, after a UTF-8 byte order mark, as UTF-8 (the mark then starts the first key, and a byte that is
+// no UTF-8 becomes U+FFFD). Qt 6 reads UTF-8 and drops such bytes. So Qt 6 is given, in memory, the
+// text Qt 5 would read, as UTF-8. -1 where no such copy can be made.
+int copyAsQt5ReadsIt(int fd)
+{
+    static const char byteOrderMark[] = "\xef\xbb\xbf";
+    const QByteArray bytes = readBytes(fd, false);
+    const QByteArray text = bytes.startsWith(byteOrderMark)
+                                ? QString::fromLatin1(byteOrderMark).toUtf8() + QString::fromUtf8(bytes.mid(3)).toUtf8()
+                                : QString::fromLatin1(bytes).toUtf8();
+    const int copy = ::memfd_create("rfsi-ini", MFD_CLOEXEC);
+    if (copy >= 0 && ::write(copy, text.constData(), static_cast<size_t>(text.size())) == text.size())
+        return copy;
+    if (copy >= 0)
+        ::close(copy);
+    return -1;
+}
+#endif
+
+// The settings of the open regular file `fd` at `path`, as Qt 5 reads them.
+void readSettings(int fd, const FileStamp &stamp, const QString &path, QHash<QString, QString> &values)
+{
+    int parsedFd = fd;
+    FileStamp parsedStamp = stamp;
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    struct stat info;
+    const int copy = copyAsQt5ReadsIt(fd);
+    if (copy >= 0 && ::fstat(copy, &info) == 0) {
+        parsedFd = copy;
+        parsedStamp = stampOf(info);
+    }
+#endif
+    const QSettings settings(nameForQSettings(parsedFd, parsedStamp, path), QSettings::IniFormat);
+    for (const QString &key : settings.allKeys())
+        values.insert(key, settings.value(key).toString());
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    if (copy >= 0)
+        ::close(copy);
+#endif
+}
+
 struct ParsedIni
 {
     FileStamp stamp;
@@ -193,10 +258,8 @@ const QHash<QString, QString> &parsedValues(int fd, const FileStamp &stamp, cons
     static QHash<QString, ParsedIni> parsed;
     ParsedIni &last = parsed[path];
     if (!sameFile(last.stamp, stamp)) {
-        const QSettings settings(nameForQSettings(fd, stamp, path), QSettings::IniFormat);
         last = {stamp, {}};
-        for (const QString &key : settings.allKeys())
-            last.values.insert(key, settings.value(key).toString());
+        readSettings(fd, stamp, path, last.values);
     }
     return last.values;
 }
@@ -222,7 +285,7 @@ std::optional<QStringList> readIniValues(const QString &path, const QStringList 
         static QMutex mutex;
         const QMutexLocker locker(&mutex);
         const QHash<QString, QString> &parsed =
-            parsedValues(fd, {info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim}, path);
+            parsedValues(fd, stampOf(info), path);
         for (const QString &key : keys)
             values << parsed.value(key, QString::fromLatin1(marker::keyMissing));
     }

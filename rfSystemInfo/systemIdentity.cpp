@@ -77,7 +77,14 @@ QString rfSystemInfo::executeCmd(std::string program, std::string argument)
 {
     const QString programPath = QString::fromStdString(program);
     const QStringList arguments = toolArguments(programPath, QString::fromStdString(argument));
-    qDebug() << programPath << arguments;
+    {
+        // The line Qt 5 writes for a path and a list, on Qt 6 too (which would write "QList(...)").
+        QDebug line = qDebug() << programPath;
+        line.nospace() << '(';
+        for (qsizetype i = 0; i < arguments.size(); ++i)
+            line << (i ? ", " : "") << arguments[i];
+        line << ')';
+    }
 
     // A program that cannot be run answers at once, as a failed start would, without starting anything.
     const QString toStart = programToStart(programPath);

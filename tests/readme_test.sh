@@ -17,8 +17,9 @@ without_comments() { grep -v '^#' "$1"; }
     fail "the README's CMake project is not tests/install/CMakeLists.txt"
 grep -qF "it prints \`$(cat "$source_dir/tests/install/caller.expected")\`" "$readme" ||
     fail "the README says the caller prints something else than tests/install/caller.expected"
+# The script runs it for each package name.
 pkg_config_line=$(blocks sh 2 | head -1)
-grep -qF "$pkg_config_line" "$source_dir/tests/install/run_installed.sh" ||
+grep -qF "$(echo "$pkg_config_line" | sed 's/--libs rfSystemInfo)/--libs "$package")/')" "$source_dir/tests/install/run_installed.sh" ||
     fail "tests/install/run_installed.sh does not run the README's line: $pkg_config_line"
 
 if [ "$build_dir" = "$source_dir/build" ]; then
