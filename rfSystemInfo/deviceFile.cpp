@@ -284,8 +284,7 @@ std::optional<QStringList> readIniValues(const QString &path, const QStringList 
     {
         static QMutex mutex;
         const QMutexLocker locker(&mutex);
-        const QHash<QString, QString> &parsed =
-            parsedValues(fd, stampOf(info), path);
+        const QHash<QString, QString> &parsed = parsedValues(fd, stampOf(info), path);
         for (const QString &key : keys)
             values << parsed.value(key, QString::fromLatin1(marker::keyMissing));
     }
