@@ -12,19 +12,21 @@ install(TARGETS rfSystemInfo EXPORT rfSystemInfoTargets
 # caller's link finds them, with no development link of their own.
 install(TARGETS rfsi_platform EXPORT rfSystemInfoTargets
     LIBRARY DESTINATION ${RFSI_PRIVATE_LIBDIR} COMPONENT runtime NAMELINK_SKIP)
-install(TARGETS rfsysinfo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
-# The fleet pieces: a timer that writes the metrics for node_exporter's textfile collector, and
-# alerting rules (with their promtool unit tests) to start from.
-install(FILES tools/rfsysinfo/systemd/rfsysinfo-metrics.service tools/rfsysinfo/systemd/rfsysinfo-metrics.timer
-    DESTINATION ${RFSI_SYSTEMD_UNITDIR} COMPONENT tool)
-# The service's command: the unit names it at this fixed place.
-install(PROGRAMS tools/rfsysinfo/systemd/write-metrics DESTINATION libexec/rfsysinfo COMPONENT tool)
-# The manual page and the bash completion (bash-completion's layout).
-install(FILES docs/rfsysinfo.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES tools/rfsysinfo/completion/rfsysinfo DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-    COMPONENT tool)
-install(FILES examples/prometheus/rfsysinfo-rules.yml examples/prometheus/rfsysinfo-rules-test.yml
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/rfsysinfo/prometheus COMPONENT tool)
+if(RFSI_BUILD_TOOL)
+    install(TARGETS rfsysinfo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+    # The fleet pieces: a timer that writes the metrics for node_exporter's textfile collector, and
+    # alerting rules (with their promtool unit tests) to start from.
+    install(FILES tools/rfsysinfo/systemd/rfsysinfo-metrics.service tools/rfsysinfo/systemd/rfsysinfo-metrics.timer
+        DESTINATION ${RFSI_SYSTEMD_UNITDIR} COMPONENT tool)
+    # The service's command: the unit names it at this fixed place.
+    install(PROGRAMS tools/rfsysinfo/systemd/write-metrics DESTINATION libexec/rfsysinfo COMPONENT tool)
+    # The manual page and the bash completion (bash-completion's layout).
+    install(FILES docs/rfsysinfo.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+    install(FILES tools/rfsysinfo/completion/rfsysinfo DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+        COMPONENT tool)
+    install(FILES examples/prometheus/rfsysinfo-rules.yml examples/prometheus/rfsysinfo-rules-test.yml
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/rfsysinfo/prometheus COMPONENT tool)
+endif()
 
 install(EXPORT rfSystemInfoTargets NAMESPACE rfSystemInfo:: DESTINATION ${RFSI_CMAKE_DIR} COMPONENT development)
 configure_package_config_file(cmake/rfSystemInfoConfig.cmake.in

@@ -12,6 +12,13 @@ triplet=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
+# The Qt 6 library is packaged where Qt 6 is at hand: always natively, for a target whose sysroot has it.
+flavours="rfSystemInfo rfSystemInfo-qt6" profiles=""
+if [ -n "$sysroot" ] && [ ! -e "$sysroot/usr/lib/$triplet/libQt6Core.so.6" ]; then
+    flavours=rfSystemInfo profiles=,pkg.rfsysteminfo.noqt6
+fi
+libraries=$(echo "$flavours" | sed 's/rfSystemInfo-qt6/librfsysteminfo-qt6-1 librfsysteminfo-qt6-dev/; s/rfSystemInfo/librfsysteminfo1 librfsysteminfo-dev/')
+
 rm -rf "$work"
 mkdir -p "$work/src"
 # dpkg-buildpackage writes into the source tree and its parent folder: it gets a copy of its own.
@@ -22,7 +29,7 @@ if [ -z "$sysroot" ]; then
 else
     # The build dependencies are in the sysroot, not installed for $arch: -d.
     (cd "$work/src" && CC=$triplet-gcc CXX=$triplet-g++ DEB_BUILD_OPTIONS=nocheck RFSI_TARGET_SYSROOT=$sysroot \
-        dpkg-buildpackage -us -uc -b -d -a"$arch" -Pcross,nocheck) >"$work/build.log" 2>&1 ||
+        dpkg-buildpackage -us -uc -b -d -a"$arch" -Pcross,nocheck$profiles) >"$work/build.log" 2>&1 ||
         { tail -40 "$work/build.log"; fail "dpkg-buildpackage -a$arch"; }
 fi
 
@@ -32,12 +39,14 @@ lintian --fail-on error,warning --info "$changes" >"$work/lintian.log" 2>&1 || l
 grep -v '^running with root privileges' "$work/lintian.log" || true
 [ "${lintian_status:-0}" -eq 0 ] || fail "lintian reports errors or warnings on $arch"
 version=$(dpkg-parsechangelog -l "$source_dir/debian/changelog" -S Version)
-for package in librfsysteminfo1 librfsysteminfo-dev rfsysinfo librfsysteminfo1-dbgsym rfsysinfo-dbgsym; do
-    [ -f "$work/${package}_${version}_$arch.deb" ] ||
-        fail "no $package package for $arch"
+for package in $libraries rfsysinfo rfsysinfo-dbgsym; do
+    [ -f "$work/${package}_${version}_$arch.deb" ] || fail "no $package package for $arch"
+    case $package in *-dev | rfsysinfo*) ;; *)
+        [ -f "$work/${package}-dbgsym_${version}_$arch.deb" ] || fail "no $package-dbgsym package for $arch"
+        dpkg-deb --ctrl-tarfile "$work/${package}_${version}_$arch.deb" | tar -t | grep -x './symbols' >/dev/null ||
+            fail "$package has no symbols file" ;;
+    esac
 done
-dpkg-deb --ctrl-tarfile "$work"/librfsysteminfo1_*.deb | tar -t | grep -x './symbols' >/dev/null ||
-    fail "librfsysteminfo1 has no symbols file"
 dpkg-deb --contents "$work"/rfsysinfo_*.deb | grep ' ./usr/share/bash-completion/completions/rfsysinfo$' >/dev/null ||
     fail "rfsysinfo has no bash completion"
 echo "ok: $(ls "$work"/*.deb | wc -l) packages for $arch, lintian clean"
@@ -48,12 +57,12 @@ echo "ok: $(ls "$work"/*.deb | wc -l) packages for $arch, lintian clean"
 scratch=$work/scratch
 mkdir -p "$scratch"
 exec unshare --mount --propagation private sh -eu -c '
-    source_dir=$1 build_dir=$2 work=$3 scratch=$4 sysroot=$5 triplet=$6 version=$7
+    source_dir=$1 build_dir=$2 work=$3 scratch=$4 sysroot=$5 triplet=$6 version=$7 flavours=$8
     root=$scratch/root
     mount -t tmpfs tmpfs "$scratch"
     mkdir "$scratch/upper" "$scratch/work" "$root"
     mount -t overlay overlay -o "lowerdir=${sysroot:-/},upperdir=$scratch/upper,workdir=$scratch/work" "$root"
-    packages="$work/librfsysteminfo1_*.deb $work/librfsysteminfo-dev_*.deb $work/rfsysinfo_*.deb"
+    packages=$(ls "$work"/*.deb | grep -v -- -dbgsym_)
 
     if [ -z "$sysroot" ]; then
         mount --rbind /dev "$root/dev"
@@ -66,7 +75,7 @@ exec unshare --mount --propagation private sh -eu -c '
         # root takes them from.
         mount --bind "$root/usr" /usr
         mount --bind "$root/etc" /etc
-        exec "$source_dir/tests/install/run_installed.sh" "$source_dir" "$build_dir" "$work/callers"
+        exec "$source_dir/tests/install/run_installed.sh" "$source_dir" "$build_dir" "$work/callers" "" $flavours
     fi
 
     # Cross-built: the sample device is copied into the scratch root, whose programs run under
@@ -76,15 +85,17 @@ exec unshare --mount --propagation private sh -eu -c '
         dpkg-deb -x "$package" "$root"
     done
     cp -a "$source_dir/examples/device/." "$root/"
-    libraries="$root/lib/$triplet:$root/usr/lib/$triplet:$root/usr/lib/$triplet/rfsysteminfo"
-    # shellcheck disable=SC2046
-    "$triplet-g++" -std=c++17 -fPIC "$source_dir/tests/install/caller.cpp" -o "$root/caller" \
-        $(PKG_CONFIG_SYSROOT_DIR="$root" PKG_CONFIG_LIBDIR="$root/usr/lib/$triplet/pkgconfig:$root/usr/share/pkgconfig" \
-          pkg-config --cflags --libs rfSystemInfo) -Wl,-rpath-link,"$libraries"
     printed=$(chroot "$root" /usr/bin/rfsysinfo --version)
     [ "$printed" = "rfsysinfo $version" ] || { echo "FAIL: rfsysinfo --version printed \"$printed\"" >&2; exit 1; }
-    printed=$(chroot "$root" /caller)
-    [ "$printed" = "$(cat "$source_dir/tests/install/caller.expected")" ] ||
-        { echo "FAIL: the caller printed \"$printed\"" >&2; exit 1; }
-    echo "ok: the installed rfsysinfo and a caller run on $triplet"
-' sh "$source_dir" "$build_dir" "$work" "$scratch" "$sysroot" "$triplet" "$version"
+    for flavour in $flavours; do
+        libraries="$root/lib/$triplet:$root/usr/lib/$triplet:$root/usr/lib/$triplet/rfsysteminfo${flavour#rfSystemInfo}"
+        # shellcheck disable=SC2046
+        "$triplet-g++" -std=c++17 -fPIC "$source_dir/tests/install/caller.cpp" -o "$root/$flavour" \
+            $(PKG_CONFIG_SYSROOT_DIR="$root" PKG_CONFIG_LIBDIR="$root/usr/lib/$triplet/pkgconfig:$root/usr/share/pkgconfig" \
+              pkg-config --cflags --libs "$flavour") -Wl,-rpath-link,"$libraries"
+        printed=$(chroot "$root" "/$flavour")
+        [ "$printed" = "$(cat "$source_dir/tests/install/caller.expected")" ] ||
+            { echo "FAIL: the caller of $flavour printed \"$printed\"" >&2; exit 1; }
+    done
+    echo "ok: the installed rfsysinfo and a caller of each of $flavours run on $triplet"
+' sh "$source_dir" "$build_dir" "$work" "$scratch" "$sysroot" "$triplet" "$version" "$flavours"

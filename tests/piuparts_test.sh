@@ -11,6 +11,7 @@ work=$build_dir/piuparts
 sources=/etc/apt/sources.list.d/debian.sources
 [ -f "$sources" ] || sources=/etc/apt/sources.list
 set -- "$packages"/librfsysteminfo1_*_"$arch".deb "$packages"/librfsysteminfo-dev_*_"$arch".deb \
+    "$packages"/librfsysteminfo-qt6-1_*_"$arch".deb "$packages"/librfsysteminfo-qt6-dev_*_"$arch".deb \
     "$packages"/rfsysinfo_*_"$arch".deb
 for deb in "$@"; do
     [ -f "$deb" ] || { echo "FAIL: no $deb (the test debian_packages makes it)" >&2; exit 1; }

@@ -36,3 +36,9 @@ endif()
 if(RFSI_TARGET_EMULATOR)
     set(CMAKE_CROSSCOMPILING_EMULATOR ${RFSI_TARGET_EMULATOR})
 endif()
+# Qt 6's CMake files run Qt's tools (moc and the like) of the build machine, from Debian's Qt 6 there:
+# the target's own would not run here.
+execute_process(COMMAND dpkg-architecture -qDEB_BUILD_MULTIARCH OUTPUT_VARIABLE build_multiarch
+    OUTPUT_STRIP_TRAILING_WHITESPACE)
+set(QT_HOST_PATH /usr)
+set(Qt6CoreTools_DIR /usr/lib/${build_multiarch}/cmake/Qt6CoreTools)
