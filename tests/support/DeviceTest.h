@@ -5,10 +5,18 @@
 
 #include <gtest/gtest.h>
 
+#include <QString>
+
 #include <functional>
 #include <string>
 
 #include <sys/types.h>
+
+// A failure shows a text as text, not as a list of characters.
+inline void PrintTo(const QString &text, std::ostream *out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
 
 namespace rfsitest {
 
