@@ -234,21 +234,23 @@ TEST_F(CommandRunnerTest, ToolsThatMisbehaveAreEndedInTimeAndLeaveNothingBehind)
         {"/bin/getSicutil", "printf 'KV7-partial\\n'; echo $$ > /tmp/${0##*/}.pid; exec sleep 60", "KV7-partial", 7500,
          10000},
     };
+    // Every tool is written before any runs: a program being spawned holds a copy of a script still
+    // open for writing until its exec, and the kernel refuses to run that script meanwhile (ETXTBSY).
+    for (const auto &tool : cases)
+        if (tool.script)
+            installTool(tool.tool, tool.script);
     installTool("/usr/bin/sicutil", "touch /tmp/second.ran");
     QString answers[std::size(cases)];
     qint64 elapsedMs[std::size(cases)] = {};
     std::vector<std::thread> threads;
     rusage before{}, after{};
     ::getrusage(RUSAGE_SELF, &before);
-    for (size_t i = 0; i < std::size(cases); ++i) {
-        if (cases[i].script)
-            installTool(cases[i].tool, cases[i].script);
+    for (size_t i = 0; i < std::size(cases); ++i)
         threads.emplace_back([&, i] {
             const std::string tool = cases[i].tool;
             elapsedMs[i] = millisecondsOf(
                 [&] { answers[i] = tool == "/bin/getSicutil" ? info.getSystemModel() : info.executeCmd(tool, "x"); });
         });
-    }
     for (std::thread &thread : threads)
         thread.join();
     ::getrusage(RUSAGE_SELF, &after);
