@@ -7,7 +7,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <optional>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -35,6 +37,10 @@ constexpr char stagingPoint[] = "/tmp";
 constexpr char hostBinFolder[] = "/.deviceroot/host-bin";
 constexpr char treeFolder[] = "/.deviceroot/tree";
 constexpr char overlayStates[] = "/.deviceroot/overlays";
+// Where the tree's links are rewritten before they are laid over it, and where a link that leads
+// nowhere inside the tree leads instead: an empty read-only folder, so it stays missing.
+constexpr char treeLinksLayer[] = "/.deviceroot/links";
+constexpr char nowhereFolder[] = "/.deviceroot/nowhere";
 
 const char *const programFolders[] = {"/bin", "/usr/bin"};
 
@@ -44,6 +50,8 @@ const char *const readOnlyHostFolders[] = {"/usr", "/etc"};
 const char *const deviceNodes[] = {"null", "zero", "full", "random", "urandom", "tty"};
 // Below the root's own /proc, what would change the host's kernel: read-only.
 const char *const kernelSettings[] = {"sys", "sysrq-trigger", "irq", "bus", "fs"};
+// A tree's link to one of these keeps meaning the root's own harmless device, as on the instrument.
+const char *const keptDeviceLinks[] = {"/dev/null", "/dev/zero", "/dev/full", "/dev/random", "/dev/urandom"};
 // Top-level names that merged-/usr systems keep as links into /usr (the dynamic linker lives there).
 const char *const usrLinks[] = {"/lib", "/lib32", "/lib64", "/libx32", "/sbin"};
 
@@ -129,17 +137,32 @@ unsigned long lockedFlags(const std::string &path)
     return flags;
 }
 
-// Makes a bound tree read-only, its submounts included where the kernel can (mount_setattr, 5.12);
-// else only its top mount.
-void makeReadOnly(const std::string &target)
+// Whether a tree's programs are to run in this root; where not, nothing shown from the tree executes.
+bool treeProgramsRun = false;
+
+// What every mount made from a tree carries: no device node opens and no set-user-ID program gains
+// anything there, and nothing executes unless the tree's programs are to run.
+unsigned long treeMountFlags(bool executable)
+{
+    return MS_NODEV | MS_NOSUID | (executable ? 0 : MS_NOEXEC);
+}
+
+// Makes a bound tree read-only, and `moreFlags` (MS_NODEV, MS_NOSUID, MS_NOEXEC) besides, its
+// submounts included where the kernel can (mount_setattr, 5.12); else only its top mount.
+void makeReadOnly(const std::string &target, unsigned long moreFlags = 0)
 {
     struct MountAttributes
     {
         uint64_t set, clear, propagation, userNamespaceFd;
     } attributes{MOUNT_ATTR_RDONLY, 0, 0, 0};
+    const std::pair<unsigned long, uint64_t> map[] = {
+        {MS_NODEV, MOUNT_ATTR_NODEV}, {MS_NOSUID, MOUNT_ATTR_NOSUID}, {MS_NOEXEC, MOUNT_ATTR_NOEXEC}};
+    for (const auto &[mountFlag, attribute] : map)
+        if (moreFlags & mountFlag)
+            attributes.set |= attribute;
     if (::syscall(SYS_mount_setattr, AT_FDCWD, target.c_str(), AT_RECURSIVE, &attributes, sizeof attributes) == 0)
         return;
-    mountOrFail({}, target, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | lockedFlags(target), {},
+    mountOrFail({}, target, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | lockedFlags(target) | moreFlags, {},
                 "make " + target + " read-only");
 }
 
@@ -153,8 +176,7 @@ void bindFolder(int sourceFd, const std::string &sourceName, const std::string &
 }
 
 // Calls `visit` with each name in the folder but "." and ".."; false when the folder cannot be opened.
-// A folder that cannot be read to its end is a failure, never a shorter list: a link left out would
-// lead to the host.
+// A folder that cannot be read to its end is a failure, never a shorter list.
 template <typename Visit>
 bool forEachEntry(const std::string &path, Visit visit)
 {
@@ -224,35 +246,166 @@ std::vector<std::string> fixedPaths()
     return paths;
 }
 
-// Opens `path` inside the tree the way the instrument would see it: absolute links resolve inside the
-// tree, never on the host ("/usr/bin/x" is the tree's own usr/bin/x). -1 when it leads nowhere.
-int openInTree(const std::string &tree, const std::string &path, int flags)
+int openat2(int folderFd, const std::string &path, uint64_t flags, uint64_t resolve)
 {
-    const Fd treeFd(::open(tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (treeFd.get() < 0)
-        return -1;
     open_how how{};
-    how.flags = static_cast<uint64_t>(flags) | O_PATH | O_CLOEXEC;
-    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    const std::string relative =
-        path.substr(path.find_first_not_of('/') == std::string::npos ? path.size() : path.find_first_not_of('/'));
-    const char *name = relative.empty() ? "." : relative.c_str();
-    const int fd = static_cast<int>(::syscall(SYS_openat2, treeFd.get(), name, &how, sizeof how));
+    how.flags = flags | O_CLOEXEC;
+    how.resolve = resolve;
+    const size_t start = std::min(path.find_first_not_of('/'), path.size());
+    const char *name = start == path.size() ? "." : path.c_str() + start;
+    const int fd = static_cast<int>(::syscall(SYS_openat2, folderFd, name, &how, sizeof how));
     if (fd < 0 && errno == ENOSYS)
         throw SetupError("this kernel cannot resolve a device tree's links inside the tree (openat2, Linux 5.6): "
                          "they would lead to the host's files, so the tree is not shown");
     return fd;
 }
 
-// The real path of the folder that `path` names inside the tree; empty when it names no folder.
-std::string folderInTree(const std::string &tree, const std::string &path)
+// Opens `path` inside the tree the way the instrument would see it, with the tree as "/": every link,
+// absolute or relative, resolves inside the tree and never above it. -1 when it leads nowhere.
+int openInTree(int treeFd, const std::string &path, int flags)
 {
-    const Fd folder(openInTree(tree, path, O_DIRECTORY));
-    if (folder.get() < 0)
-        return {};
-    char target[PATH_MAX];
-    const ssize_t length = ::readlink(describeFd(folder.get()).c_str(), target, sizeof target - 1);
-    return length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
+    return openat2(treeFd, path, static_cast<uint64_t>(flags) | O_PATH, RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS);
+}
+
+// The path the kernel gives an open file, on the host.
+std::string pathOf(int fd)
+{
+    char path[PATH_MAX];
+    const ssize_t length = ::readlink(describeFd(fd).c_str(), path, sizeof path - 1);
+    return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
+}
+
+// Where `path` leads in the tree (at `treePath` on the host), as a path below the tree without any
+// link in it ("" for the tree itself); nothing when it leads nowhere.
+std::optional<std::string> resolveInTree(int treeFd, const std::string &treePath, const std::string &path,
+                                         int flags = 0)
+{
+    const Fd node(openInTree(treeFd, path, flags));
+    if (node.get() < 0)
+        return std::nullopt;
+    const std::string resolved = pathOf(node.get());
+    const std::string prefix = treePath == "/" ? std::string() : treePath;
+    if (resolved == treePath)
+        return std::string();
+    if (resolved.rfind(prefix + "/", 0) != 0)
+        return std::nullopt;
+    return resolved.substr(prefix.size());
+}
+
+// Calls `visit` with the path below the tree of every link in it, however deep. A folder that cannot
+// be read to its end fails: a link left out would lead to the host. Other file systems mounted inside
+// the tree are not part of it (the overlay does not show them either).
+template <typename Visit>
+void forEachTreeLink(int treeFd, Visit visit)
+{
+    struct stat treeInfo;
+    if (::fstat(treeFd, &treeInfo) != 0)
+        fail("inspect the device tree");
+    std::vector<std::string> folders{""};
+    while (!folders.empty()) {
+        const std::string folder = std::move(folders.back());
+        folders.pop_back();
+        const int fd = openat2(treeFd, folder, O_RDONLY | O_DIRECTORY, RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS);
+        std::unique_ptr<DIR, int (*)(DIR *)> listing(fd < 0 ? nullptr : ::fdopendir(fd), ::closedir);
+        if (!listing) {
+            const int error = errno;
+            if (fd >= 0)
+                ::close(fd);
+            fail("read the device tree's folder " + (folder.empty() ? "/" : folder), error);
+        }
+        for (errno = 0; const dirent *entry = ::readdir(listing.get()); errno = 0) {
+            const std::string name = entry->d_name, path = folder + "/" + name;
+            struct stat info;
+            if (name == "." || name == "..")
+                continue;
+            if (::fstatat(::dirfd(listing.get()), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+                fail("inspect the device tree's " + path);
+            if (S_ISDIR(info.st_mode) && info.st_dev == treeInfo.st_dev)
+                folders.push_back(path);
+            else if (S_ISLNK(info.st_mode))
+                visit(path, info);
+        }
+        if (errno != 0)
+            fail("read the device tree's folder " + (folder.empty() ? "/" : folder));
+    }
+}
+
+// Where a link of the tree leads inside the root: to the node it leads to with the tree as "/", seen
+// in the tree's view; to the root's own harmless device; or to a path that stays missing.
+std::string retargeted(int treeFd, const std::string &treePath, const std::string &link)
+{
+    char text[PATH_MAX];
+    const ssize_t length = ::readlinkat(treeFd, link.c_str() + 1, text, sizeof text - 1);
+    const std::string target = length > 0 ? std::string(text, static_cast<size_t>(length)) : std::string();
+    if (std::find(std::begin(keptDeviceLinks), std::end(keptDeviceLinks), target) != std::end(keptDeviceLinks))
+        return target;
+    const std::optional<std::string> resolved = resolveInTree(treeFd, treePath, link);
+    return resolved ? treeFolder + *resolved : nowhereFolder + link;
+}
+
+// Makes the folders of `path` below the layer, each with the mode and owner of the tree's folder it
+// stands for (the overlay shows the topmost layer's).
+void makeLayerFolders(int treeFd, const std::string &layer, const std::string &path)
+{
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        const std::string folder = path.substr(0, slash);
+        struct stat info;
+        if (::mkdir((layer + folder).c_str(), 0700) != 0) {
+            if (errno == EEXIST)
+                continue;
+            fail("create the layer's folder " + folder);
+        }
+        if (::fstatat(treeFd, folder.c_str() + 1, &info, AT_SYMLINK_NOFOLLOW) != 0)
+            fail("inspect the device tree's " + folder);
+        [[maybe_unused]] const int owned = ::lchown((layer + folder).c_str(), info.st_uid, info.st_gid);
+        if (::chmod((layer + folder).c_str(), info.st_mode & 07777) != 0)
+            fail("set the mode of the layer's folder " + folder);
+    }
+}
+
+// Shows the tree read-only at treeFolder, every link of it rewritten to lead where it leads on the
+// instrument (retargeted()): a layer of rewritten links lies over the tree, which stays unchanged.
+void mountTreeView(const std::string &root, int treeFd)
+{
+    const std::string treePath = pathOf(treeFd), layer = root + treeLinksLayer;
+    makeFolders(layer);
+    mountOrFail("tmpfs", layer, "tmpfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0755",
+                "mount the layer of the device tree's links");
+    forEachTreeLink(treeFd, [&](const std::string &link, const struct stat &info) {
+        makeLayerFolders(treeFd, layer, link);
+        const std::string path = layer + link;
+        if (::symlink(retargeted(treeFd, treePath, link).c_str(), path.c_str()) != 0)
+            fail("lead the device tree's link " + link + " into the tree");
+        [[maybe_unused]] const int owned = ::lchown(path.c_str(), info.st_uid, info.st_gid);
+    });
+    const Fd layerFd(::open(layer.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (layerFd.get() < 0)
+        fail("open the layer of the device tree's links");
+    makeFolders(root + treeFolder);
+    mountOrFail("overlay", root + treeFolder, "overlay", MS_RDONLY | treeMountFlags(treeProgramsRun),
+                "lowerdir=" + describeFd(layerFd.get()) + ":" + describeFd(treeFd), "show the device tree");
+    // The overlay holds the layer on its own; nothing inside the root may change it afterwards.
+    if (::umount2(layer.c_str(), MNT_DETACH) != 0)
+        fail("hide the layer of the device tree's links");
+    makeFolders(root + nowhereFolder);
+    mountOrFail("tmpfs", root + nowhereFolder, "tmpfs", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0555",
+                "mount the folder that links leading nowhere lead to");
+}
+
+// Each seeded fixed path's folder in the tree, links resolved (a path below the tree): reset() mounts
+// them again.
+std::map<std::string, std::string> seededFolders;
+
+// Opens a folder of the tree's view by its path below the tree, which holds no link.
+std::unique_ptr<Fd> openTreeViewFolder(const std::string &root, const std::string &pathInTree)
+{
+    const Fd view(::open((root + treeFolder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const int fd = view.get() < 0
+                       ? -1
+                       : openat2(view.get(), pathInTree, O_PATH | O_DIRECTORY, RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS);
+    if (fd < 0)
+        fail("open the device tree's folder " + pathInTree);
+    return std::make_unique<Fd>(fd);
 }
 
 // The overlay's lower folders for a fixed path, topmost first, as open descriptors; none when the path
@@ -260,11 +413,9 @@ std::string folderInTree(const std::string &tree, const std::string &path)
 std::vector<std::unique_ptr<Fd>> lowerFolders(const std::string &root, const std::string &fixedPath)
 {
     std::vector<std::unique_ptr<Fd>> lowers;
-    if (isFolder(root + treeFolder)) {
-        auto seed = std::make_unique<Fd>(openInTree(root + treeFolder, fixedPath, O_DIRECTORY));
-        if (seed->get() >= 0)
-            lowers.push_back(std::move(seed));
-    }
+    const auto seed = seededFolders.find(fixedPath);
+    if (seed != seededFolders.end())
+        lowers.push_back(openTreeViewFolder(root, seed->second));
     if (isProgramFolder(fixedPath))
         lowers.push_back(openFolder(root + hostBinFolder));
     return lowers;
@@ -286,72 +437,16 @@ std::string overlayState(const std::string &root, std::string fixedPath)
     return root + overlayStates + fixedPath;
 }
 
-// Where `path` (a path inside the tree) leads there, as a path below treeFolder; a path there that is
-// missing when it leads nowhere.
-std::string targetInTree(const std::string &root, const std::string &path, const std::string &linkTarget)
-{
-    const std::string tree = root + treeFolder;
-    const Fd node(openInTree(tree, path, 0));
-    char target[PATH_MAX];
-    const ssize_t length = node.get() < 0 ? -1 : ::readlink(describeFd(node.get()).c_str(), target, sizeof target - 1);
-    const std::string resolved = length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
-    if (resolved.rfind(tree + "/", 0) == 0)
-        return treeFolder + resolved.substr(tree.size());
-    return treeFolder + linkTarget;
-}
-
-// The kernel's own file systems are never part of a copied tree: a link into them keeps meaning the
-// root's own /dev, /proc and /sys, as it means the instrument's there.
-bool isKernelPath(const std::string &path)
-{
-    for (const char *prefix : {"/dev/", "/proc/", "/sys/"})
-        if (path.rfind(prefix, 0) == 0)
-            return true;
-    return false;
-}
-
-// An absolute link in the tree means a path of the instrument, so inside the root it must lead into
-// the tree, not to the root's (the host's) own /usr or /etc. For each absolute link below a seeded
-// fixed path, the overlay's upper layer gets a link of the same name to where it leads in the tree;
-// the tree itself stays unchanged.
-void retargetAbsoluteLinks(const std::string &root, const std::string &seedInTree, const std::string &upper,
-                           const std::string &relative = {}, int depth = 0)
-{
-    constexpr int deepestFolder = 16;
-    const std::string folderPath = root + treeFolder + seedInTree + relative;
-    if (depth > deepestFolder)
-        return;
-    forEachEntry(folderPath, [&](const std::string &name) {
-        const std::string path = relative + "/" + name;
-        struct stat info;
-        if (::lstat((folderPath + "/" + name).c_str(), &info) != 0)
-            return;
-        if (S_ISDIR(info.st_mode)) {
-            retargetAbsoluteLinks(root, seedInTree, upper, path, depth + 1);
-            return;
-        }
-        char target[PATH_MAX];
-        const ssize_t length =
-            S_ISLNK(info.st_mode) ? ::readlink((folderPath + "/" + name).c_str(), target, sizeof target - 1) : -1;
-        if (length <= 0 || target[0] != '/' || isKernelPath(std::string(target, static_cast<size_t>(length))))
-            return;
-        makeFolders(upper + relative);
-        const std::string linkTarget(target, static_cast<size_t>(length));
-        if (::symlink(targetInTree(root, seedInTree + path, linkTarget).c_str(), (upper + path).c_str()) != 0)
-            fail("lead the device tree's link " + seedInTree + path + " into the tree");
-    });
-}
-
+// /bin and /usr/bin hold the host's programs as well, which must run; the other fixed paths run
+// nothing unless the tree's programs are to run.
 void mountOverlay(const std::string &root, const std::string &fixedPath, const std::vector<std::unique_ptr<Fd>> &lowers)
 {
     const std::string state = overlayState(root, fixedPath);
     makeFolders(state + "/upper", fixedPath == "/tmp" ? 01777 : 0755);
     makeFolders(state + "/work");
-    const std::string seed = isFolder(root + treeFolder) ? folderInTree(root + treeFolder, fixedPath) : std::string();
-    if (!seed.empty())
-        retargetAbsoluteLinks(root, seed.substr((root + treeFolder).size()), state + "/upper");
     const std::string options = lowerDirOption(lowers) + ",upperdir=" + state + "/upper,workdir=" + state + "/work";
-    mountOrFail("overlay", root + fixedPath, "overlay", 0, options, "mount the writable overlay at " + fixedPath);
+    mountOrFail("overlay", root + fixedPath, "overlay", treeMountFlags(isProgramFolder(fixedPath) || treeProgramsRun),
+                options, "mount the writable overlay at " + fixedPath);
 }
 
 void makeFixedPath(const std::string &root, const std::string &fixedPath)
@@ -396,8 +491,7 @@ void makeSeededFixedPath(const std::string &root, const std::string &tree, const
     try {
         makeFixedPath(root, fixedPath);
     } catch (const SetupError &error) {
-        const std::string seed = folderInTree(root + treeFolder, fixedPath);
-        if (seed.empty())
+        if (seededFolders.count(fixedPath) == 0)
             throw;
         throw SetupError("the device tree's folder " + tree + fixedPath + " cannot be shown at " + fixedPath + " (" +
                          error.what() + ")");
@@ -406,21 +500,22 @@ void makeSeededFixedPath(const std::string &root, const std::string &tree, const
 
 // Shows the tree's other top-level folders read-only at their own paths, so that a link into them
 // ("/opt/sic/getSicutil") finds what it finds on the instrument. What the root already has stays.
-void showTreeFolders(const std::string &root)
+void showTreeFolders(const std::string &root, int treeFd)
 {
-    const std::string tree = root + treeFolder;
-    forEachEntry(tree, [&](const std::string &entry) {
+    const std::string treePath = pathOf(treeFd);
+    forEachEntry(root + treeFolder, [&](const std::string &entry) {
         const std::string name = "/" + entry;
         struct stat info;
         if (::lstat((root + name).c_str(), &info) == 0)
             return;
-        const Fd seed(openInTree(tree, name, O_DIRECTORY));
-        if (seed.get() < 0)
+        const std::optional<std::string> folder = resolveInTree(treeFd, treePath, name, O_DIRECTORY);
+        if (!folder)
             return;
+        const auto seed = openTreeViewFolder(root, *folder);
         makeFolders(root + name);
-        mountOrFail(describeFd(seed.get()), root + name, nullptr, MS_BIND | MS_REC, {},
+        mountOrFail(describeFd(seed->get()), root + name, nullptr, MS_BIND | MS_REC, {},
                     "show the device tree's folder " + name);
-        makeReadOnly(root + name);
+        makeReadOnly(root + name, treeMountFlags(treeProgramsRun));
     });
 }
 
@@ -568,7 +663,7 @@ void buildRoot(const Options &options, const std::string &hostBin)
     const auto hostBinFd = openFolder(hostBin);
 
     const std::string root = stagingPoint;
-    mountOrFail("tmpfs", root, "tmpfs", MS_NOSUID, "mode=0755", "mount the root tmpfs");
+    mountOrFail("tmpfs", root, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755", "mount the root tmpfs");
 
     for (size_t i = 0; i < std::size(readOnlyHostFolders); ++i)
         bindFolder(hostFds[i]->get(), readOnlyHostFolders[i], root + readOnlyHostFolders[i], false);
@@ -576,15 +671,21 @@ void buildRoot(const Options &options, const std::string &hostBin)
     mountOwnProc(root);
     mirrorUsrLinks(root);
     bindFolder(hostBinFd->get(), hostBin, root + hostBinFolder, false);
-    if (!options.deviceTree.empty())
-        bindFolder(shownFds.back()->get(), options.deviceTree, root + treeFolder, false);
+    seededFolders.clear();
+    if (!options.deviceTree.empty()) {
+        const int treeFd = shownFds.back()->get();
+        mountTreeView(root, treeFd);
+        for (const std::string &fixedPath : fixedPaths())
+            if (const auto folder = resolveInTree(treeFd, pathOf(treeFd), fixedPath, O_DIRECTORY))
+                seededFolders[fixedPath] = *folder;
+    }
     for (const std::string &fixedPath : fixedPaths())
         makeSeededFixedPath(root, options.deviceTree, fixedPath);
     lockSys(root);
     for (size_t i = 0; i < options.hostFolders.size(); ++i)
         bindFolder(shownFds[i]->get(), shown[i].path, root + shown[i].path, shown[i].writable);
     if (!options.deviceTree.empty())
-        showTreeFolders(root);
+        showTreeFolders(root, shownFds.back()->get());
 
     if (::chdir(root.c_str()) != 0)
         fail("enter the new root");
@@ -616,6 +717,7 @@ void enter(const Options &options)
     const std::string workingFolder = std::filesystem::current_path(noFolder).string();
     // Nested roots take the host's /usr/bin from the outer root's pristine copy, not its overlay.
     const std::string hostBin = isInside() ? hostBinFolder : "/usr/bin";
+    treeProgramsRun = options.treeProgramsRun;
 
     enterNamespaces();
     // The new PID namespace starts with this process's next child. This process stays outside and
@@ -632,7 +734,8 @@ void enter(const Options &options)
 
 bool treeHolds(const std::string &deviceTree, const std::string &path)
 {
-    const Fd node(openInTree(deviceTree, path, O_NOFOLLOW));
+    const Fd tree(::open(deviceTree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const Fd node(tree.get() < 0 ? -1 : openInTree(tree.get(), path, O_NOFOLLOW));
     return node.get() >= 0;
 }
 

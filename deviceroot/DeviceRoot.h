@@ -45,6 +45,8 @@ struct Options
     std::vector<HostFolder> hostFolders;
     // Absolute path of a device tree whose folders seed the fixed paths; empty for an empty device.
     std::string deviceTree;
+    // Whether the tree's programs are to run; where not, no mount made from the tree executes anything.
+    bool treeProgramsRun = false;
 };
 
 // The device folders that start empty and writable, besides /bin and /usr/bin.

@@ -50,6 +50,7 @@ int main(int argc, char **argv)
         {nullptr, 0, nullptr, 0},
     };
     deviceroot::Options options;
+    options.treeProgramsRun = true;
     for (int choice; (choice = ::getopt_long(argc, argv, "+t:s:w:h", longOptions, nullptr)) != -1;) {
         switch (choice) {
         case 't':

@@ -1,9 +1,11 @@
 #!/bin/sh
-# rfsi-device-root as service engineers use it, and as an attacker would try it.
-#   rfsi_device_root_test.sh RFSI_DEVICE_ROOT BUILD_FOLDER CALLER CAPTURE WORK_FOLDER RFSYSINFO
+# rfsi-device-root as service engineers use it, and as an attacker would try it: as root, then the
+# attack again as an ordinary user (--attack-only), where the kernel lets one make user namespaces.
+#   rfsi_device_root_test.sh RFSI_DEVICE_ROOT BUILD_FOLDER CALLER CAPTURE WORK_FOLDER RFSYSINFO [--attack-only]
 set -eu
-device_root=$1 build=$2 caller=$3 capture=$4 work=$5 rfsysinfo=$6
+device_root=$1 build=$2 caller=$3 capture=$4 work=$5 rfsysinfo=$6 only=${7:-}
 status=0
+if [ "$only" != --attack-only ]; then
 
 # The instrument's programs against a customer's capture: its files and its identity tools' answers.
 "$device_root" --tree "$capture" --show "$build" -- "$caller" > "$work.caller" 2>&1 || true
@@ -17,18 +19,32 @@ mkdir -p "$work.empty"
 grep -qx "rfsysinfo: warning: $work.empty holds none of the files the library reads" "$work.warning" ||
     { echo "FAIL: no warning for an empty tree:"; cat "$work.warning"; status=1; }
 
+fi
+
 # A copied tree's program reaches for a host file from inside (tests/devices/attacker-reaches-for-the-host),
 # under rfsi-device-root and as the tree's identity tool under rfsysinfo, which writes its report into a
-# host folder from a terminal. Every try must fail and the host's file stay as it was.
+# host folder from a terminal. Every try must fail and the host's file stay as it was. The tree's links
+# lead to it every way a link can; as root, the tree holds device nodes of a major no driver has.
 rm -rf "$work"
 mkdir -p "$work/reports"
 cp -a "$(dirname "$0")/devices/attacker-reaches-for-the-host/tree" "$work/tree"
-export RFSI_HOST_FILE="$work/host-file"
+mkdir "$work/host" # shown inside the root read-only, so that a link out of the tree could reach it
+export RFSI_HOST_FILE="$work/host/host-file"
 echo untouched > "$RFSI_HOST_FILE"
-mkdir "$work/tree/storage"
+mkdir -p "$work/tree/storage" "$work/tree/opt/shown"
 ln -s "$RFSI_HOST_FILE" "$work/tree/storage/absolute-link"
 ln -s "../../../../../../../../..$RFSI_HOST_FILE" "$work/tree/storage/relative-link"
-"$device_root" --tree "$work/tree" -- /bin/getSicutil > "$work/tries" 2>&1 || true
+ln -s "/chain" "$work/tree/storage/chained-link" && ln -s "$RFSI_HOST_FILE" "$work/tree/chain"
+ln -s "/proc/self/root$RFSI_HOST_FILE" "$work/tree/storage/proc-link"
+ln -s /chain "$work/tree/storage/RFHW_Revision.info"
+ln -s "../../../../../../../../..$RFSI_HOST_FILE" "$work/tree/opt/shown/relative-link"
+nodes=""
+if [ "$(id -u)" = 0 ]; then
+    for node in storage/device-node opt/device-node; do mknod "$work/tree/$node" c 4000 0; done
+    nodes="/storage/device-node /opt/device-node /.deviceroot/tree/storage/device-node"
+fi
+export RFSI_DEVICE_NODES="$nodes"
+"$device_root" --tree "$work/tree" --show "$work/host" -- /bin/getSicutil > "$work/tries" 2>&1 || true
 script -qec "'$rfsysinfo' --root '$work/tree' --allow-tools --section identity --output '$work/reports/report.txt'" \
     /dev/null </dev/null >"$work/terminal" 2>&1 || true
 cat "$work/tries" "$work/reports/report.txt"
@@ -39,6 +55,28 @@ grep -Eq 'WRITTEN|READ|INJECTED' "$work/tries" "$work/reports/report.txt" &&
     { echo "FAIL: a try reached what it must not"; status=1; }
 [ "$(cat "$RFSI_HOST_FILE")" = untouched ] || { echo "FAIL: the host's file was changed"; status=1; }
 [ "$(ls "$work/reports")" = report.txt ] || { echo "FAIL: the tree's tool wrote into the host folder"; status=1; }
+for node in $nodes; do
+    grep -qx "refused $node: Permission denied" "$work/tries" ||
+        { echo "FAIL: the tree's device node $node was not refused as on a nodev mount"; status=1; }
+done
+# Every mount made from the tree carries nodev and nosuid; where no tree program is to run, noexec.
+grep -c '^mount ' "$work/tries" | grep -qx 5 || { echo "FAIL: the tree's mounts were not all listed"; status=1; }
+grep '^mount ' "$work/tries" | grep -Ev ',nosuid,nodev|,nodev,nosuid|nosuid,nodev' &&
+    { echo "FAIL: a mount of the tree lets device nodes or set-user-ID programs work"; status=1; }
+"$rfsysinfo" --root "$work/tree" --capture "$work/tree-capture.tgz" > /dev/null 2>&1 &&
+    tar -xOzf "$work/tree-capture.tgz" | grep -q untouched &&
+    { echo "FAIL: a capture of the tree holds the host's file"; status=1; }
+
+if [ "$only" = --attack-only ]; then
+    
+# The attack once more as an ordinary user, whose device root is made in a user namespace.
+if [ "$(id -u)" = 0 ] && setpriv --reuid=nobody --regid=nogroup --clear-groups unshare --user true 2>/dev/null; then
+    mkdir -p "$work-user" && chown nobody "$work-user"
+    setpriv --reuid=nobody --regid=nogroup --clear-groups "$0" "$device_root" "$build" "$caller" "$capture" \
+        "$work-user/run" "$rfsysinfo" --attack-only || { echo "FAIL: the attack as an ordinary user (above)"; status=1; }
+fi
+exit $status
+fi
 
 # While a tree's program runs, no process of rfsysinfo holds anything of the output's folder open.
 mkdir -p "$work/slow/bin" "$work/out"
@@ -62,4 +100,11 @@ for tree in "$work/colon" "$odd"; do
     "$rfsysinfo" --root "$tree" --section dsp > "$work/dsp" 2>&1 || true
     grep -q '^  DSP 0 *TREE,' "$work/dsp" || { echo "FAIL: the DSP of $tree is not the tree's own:"; cat "$work/dsp"; status=1; }
 done
+
+# The attack once more as an ordinary user, whose device root is made in a user namespace.
+if [ "$(id -u)" = 0 ] && setpriv --reuid=nobody --regid=nogroup --clear-groups unshare --user true 2>/dev/null; then
+    mkdir -p "$work-user" && chown nobody "$work-user"
+    setpriv --reuid=nobody --regid=nogroup --clear-groups "$0" "$device_root" "$build" "$caller" "$capture" \
+        "$work-user/run" "$rfsysinfo" --attack-only || { echo "FAIL: the attack as an ordinary user (above)"; status=1; }
+fi
 exit $status

@@ -275,11 +275,12 @@ int separateReportFromLibraryOutput(bool outputOpen, bool verbose)
     return reportFd;
 }
 
-bool enterDeviceRoot(const QString &tree, const QString &source, QString &error)
+bool enterDeviceRoot(const QString &tree, bool treeProgramsRun, const QString &source, QString &error)
 {
     try {
         deviceroot::Options options;
         options.deviceTree = QFile::encodeName(tree).toStdString();
+        options.treeProgramsRun = treeProgramsRun;
         deviceroot::enter(options);
         return true;
     } catch (const deviceroot::SetupError &setupError) {
@@ -325,7 +326,8 @@ bool enterDeviceTree(const Settings &settings, QString &error)
     if (!holdsAny && QFileInfo(tree).isDir())
         std::fprintf(stderr, "rfsysinfo: warning: %s holds none of the files the library reads\n",
                      qPrintable(settings.deviceTree));
-    return enterDeviceRoot(tree, QStringLiteral("the device tree %1").arg(settings.deviceTree), error) &&
+    return enterDeviceRoot(tree, settings.allowTools, QStringLiteral("the device tree %1").arg(settings.deviceTree),
+                           error) &&
            removeTools(foreignTools, error);
 }
 
@@ -485,7 +487,7 @@ Made make(const Settings &settings)
             return failed(exitDeviceRoot, error);
     }
     if (replayed) {
-        if (!enterDeviceRoot({}, QStringLiteral("the capture %1").arg(settings.deviceTree), error) ||
+        if (!enterDeviceRoot({}, false, QStringLiteral("the capture %1").arg(settings.deviceTree), error) ||
             !applyDeviceState(*replayed, error))
             return failed(exitDeviceRoot, error);
     } else if (!settings.deviceTree.isEmpty()) {
