@@ -309,3 +309,34 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
     }
     ::umount("/storage/full");
 }
+
+// A file replaced keeps its mode; a capture that holds serial numbers is its owner's alone.
+TEST_F(RfsysinfoTest, OutputFilesKeepTheirModeAndACaptureWithSerialsIsTheOwnersOnly)
+{
+    fs::create_directories("/storage/out");
+    const mode_t mask = ::umask(022);
+    const struct
+    {
+        const char *name;
+        int existingMode; // -1: no file there before
+        QStringList arguments;
+        mode_t expectedMode;
+    } cases[] = {
+        {"report-0600", 0600, {"--json", "--output"}, 0600},
+        {"report-0640", 0640, {"--check", "--output"}, 0640},
+        {"report-new", -1, {"--metrics", "--output"}, 0644},
+        {"capture-new", -1, {"--capture"}, 0600},
+        {"capture-0644", 0644, {"--capture"}, 0600},
+        {"capture-sanitized", -1, {"--sanitize", "--capture"}, 0644},
+    };
+    for (const auto &c : cases) {
+        const std::string path = std::string("/storage/out/") + c.name;
+        if (c.existingMode >= 0)
+            writeDeviceFile(path, "old\n", static_cast<mode_t>(c.existingMode));
+        rfsysinfo(c.arguments + QStringList{QString::fromStdString(path)} + sampleWithTools);
+        struct stat info;
+        ASSERT_EQ(::stat(path.c_str(), &info), 0) << c.name;
+        EXPECT_EQ(info.st_mode & 07777, c.expectedMode) << c.name;
+    }
+    ::umask(mask);
+}

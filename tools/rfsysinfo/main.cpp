@@ -576,7 +576,8 @@ int main(int argc, char **argv)
     const Destination destination(capturing                   ? "--capture"
                                   : settings.output.isEmpty() ? nullptr
                                                               : "--output",
-                                  capturing ? settings.capture : settings.output, reportFd);
+                                  capturing ? settings.capture : settings.output, reportFd,
+                                  capturing && !settings.sanitize);
     if (!destination.openError().isEmpty())
         return fail(exitOutput, destination.openError());
 

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,6 +36,31 @@ int openFolder(const QByteArray &folder)
     return ::open(folder.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
 }
 
+// A name for the temporary file that no one else in a shared folder can guess beforehand.
+QByteArray temporaryName(const QByteArray &name)
+{
+    unsigned char random[9] = {};
+    if (::getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random))
+        return {};
+    return "." + name + ".tmp-" + QByteArray(reinterpret_cast<const char *>(random), sizeof random).toHex();
+}
+
+// The mode the new file takes: a file replaced keeps its own; a new one the usual 0644 (less the
+// umask). Where only the owner may read it, group and others lose every permission.
+mode_t modeFor(int folderFd, const QByteArray &name, bool ownerOnly)
+{
+    struct stat info;
+    mode_t mode;
+    if (::fstatat(folderFd, name.constData(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode)) {
+        mode = info.st_mode & 07777;
+    } else {
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        mode = 0644 & ~mask;
+    }
+    return ownerOnly ? mode & 07700 : mode;
+}
+
 } // namespace
 
 bool writeAll(int fd, const QByteArray &content)
@@ -53,8 +79,8 @@ bool writeAll(int fd, const QByteArray &content)
     return true;
 }
 
-Destination::Destination(const char *option, const QString &path, int standardOutput)
-    : option(option), path(path), standardOutput(standardOutput)
+Destination::Destination(const char *option, const QString &path, int standardOutput, bool ownerOnly)
+    : option(option), path(path), standardOutput(standardOutput), ownerOnly(ownerOnly)
 {
     if (toStandardOutput()) {
         if (standardOutput < 0)
@@ -101,13 +127,15 @@ bool Destination::replaceFile(const QByteArray &content, QString &reason) const
         reason = systemError("its folder cannot be opened");
         return false;
     }
-    const QByteArray temporary = "." + name + ".tmp-" + QByteArray::number(::getpid());
-    const int fd = ::openat(folderFd, temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    const QByteArray temporary = temporaryName(name);
+    const int fd =
+        temporary.isEmpty() ? -1 : ::openat(folderFd, temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     bool replaced = false;
     if (fd < 0) {
         reason = systemError("no temporary file can be made beside it");
     } else {
-        const bool written = writeAll(fd, content) && ::fsync(fd) == 0;
+        const bool written =
+            ::fchmod(fd, modeFor(folderFd, name, ownerOnly)) == 0 && writeAll(fd, content) && ::fsync(fd) == 0;
         reason = written ? QString() : systemError("");
         ::close(fd);
         // Looked at again: the target may have been swapped for a link since it was opened.

@@ -15,7 +15,9 @@ public:
     // `option` names the target in messages ("--output"); `standardOutput` is the report's descriptor,
     // -1 when standard output was closed. A file's target is checked now, so that a run that could
     // not write it is refused before it starts; its folder is opened again for the write, and only then.
-    Destination(const char *option, const QString &path, int standardOutput);
+    // A file replaced keeps its mode; with `ownerOnly` (a capture that holds serial numbers), group and
+    // others may not even read it.
+    Destination(const char *option, const QString &path, int standardOutput, bool ownerOnly = false);
 
     // Empty when the destination can be written.
     QString openError() const { return error; }
@@ -30,6 +32,7 @@ private:
     const char *option;
     QString path;
     int standardOutput;
+    bool ownerOnly;
     QByteArray folder, name;
     QString error;
 };
