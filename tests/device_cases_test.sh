@@ -117,6 +117,8 @@ for folder in "$cases"/*; do
             absent=$(grep -q ' (absent)' "$work/text" && echo true || echo false)
             [ "$(wc -l <"$work/text") $absent" = "$(jq '"\(length + 1) \(any(..; . == null))"' -r "$folder/expected-diff.json")" ] ||
                 fail "--diff ${named[*]} ${source[*]} printed: $(cat "$work/text")"
+            [ -f "$folder/expected-diff.txt" ] && ! sed '$d' "$work/text" | diff -u "$folder/expected-diff.txt" - >&2 &&
+                fail "--diff ${named[*]} ${source[*]}: its lines differ from expected-diff.txt (above)"
         fi
         # The text report, where the case gives it whole: below its header, which names the source.
         [ -f "$folder/expected.txt" ] && ! "$rfsysinfo" "${source[@]}" 2>/dev/null | sed '1,/^$/d' | diff -u "$folder/expected.txt" - >&2 &&

@@ -13,6 +13,7 @@
 #include "write/MetricsOutput.h"
 #include "write/OutputFile.h"
 #include "write/ReportOutput.h"
+#include "write/TerminalText.h"
 
 #include <rfSystem_Info.h>
 
@@ -73,7 +74,8 @@ struct Settings
 
 int fail(int status, const QString &message)
 {
-    std::fprintf(stderr, "rfsysinfo: %s\n", qPrintable(message));
+    // A reason may quote a capture's or a profile's own text: it stays one line, and inert.
+    std::fprintf(stderr, "rfsysinfo: %s\n", qPrintable(terminalText(message)));
     return status;
 }
 

@@ -2,6 +2,7 @@
 
 #include "model/ReportJson.h"
 #include "write/ReportOutput.h"
+#include "write/TerminalText.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -105,14 +106,16 @@ QByteArray checkText(const Report &report, const QVector<Finding> &findings, con
     for (const Finding &finding : findings)
         text += QStringLiteral("%1 %2 %3\n")
                     .arg(QString::fromLatin1(finding.error ? "error" : "warning").leftJustified(7),
-                         finding.id.leftJustified(25), message(finding, report, options));
-    text += QStringLiteral("rfsysinfo %1 check of %2 (%3 %4)%5: %6, %7 and %8%9\n")
-                .arg(report.source.toolVersion, sourceDescription(report.source), report.identity.model,
-                     report.identity.serialNumber,
-                     options.release ? QStringLiteral(" against release %1").arg(options.release->name) : QString(),
-                     QLatin1String(checkPasses(findings, strict) ? "PASS" : "FAIL"),
-                     plural(countOf(findings, true), "error"), plural(countOf(findings, false), "warning"),
-                     QLatin1String(strict ? " (strict: warnings fail)" : ""));
+                         finding.id.leftJustified(25), terminalText(message(finding, report, options)));
+    text += terminalText(
+                QStringLiteral("rfsysinfo %1 check of %2 (%3 %4)%5: %6, %7 and %8%9")
+                    .arg(report.source.toolVersion, sourceDescription(report.source), report.identity.model,
+                         report.identity.serialNumber,
+                         options.release ? QStringLiteral(" against release %1").arg(options.release->name) : QString(),
+                         QLatin1String(checkPasses(findings, strict) ? "PASS" : "FAIL"),
+                         plural(countOf(findings, true), "error"), plural(countOf(findings, false), "warning"),
+                         QLatin1String(strict ? " (strict: warnings fail)" : ""))) +
+            QLatin1Char('\n');
     return text.toUtf8();
 }
 

@@ -1,6 +1,7 @@
 #include "write/DiffOutput.h"
 
 #include "model/ReportJson.h"
+#include "write/TerminalText.h"
 
 #include <QCoreApplication>
 #include <QJsonArray>
@@ -30,14 +31,16 @@ QByteArray diffText(const DiffSide &before, const DiffSide &after, const QVector
 {
     QString text;
     for (const Difference &difference : differences)
-        text +=
-            QStringLiteral("%1 %2: %3 -> %4\n")
-                .arg(difference.section, difference.key, shownValue(difference.before), shownValue(difference.after));
-    text += QStringLiteral("%1 between %2 and %3\n")
-                .arg(differences.isEmpty()     ? QStringLiteral("no differences")
-                     : differences.size() == 1 ? QStringLiteral("1 difference")
-                                               : QStringLiteral("%1 differences").arg(differences.size()),
-                     sideText(before), sideText(after));
+        text += terminalText(QStringLiteral("%1 %2: %3 -> %4")
+                                 .arg(difference.section, difference.key, shownValue(difference.before),
+                                      shownValue(difference.after))) +
+                QLatin1Char('\n');
+    text += terminalText(QStringLiteral("%1 between %2 and %3")
+                             .arg(differences.isEmpty()     ? QStringLiteral("no differences")
+                                  : differences.size() == 1 ? QStringLiteral("1 difference")
+                                                            : QStringLiteral("%1 differences").arg(differences.size()),
+                                  sideText(before), sideText(after))) +
+            QLatin1Char('\n');
     return text.toUtf8();
 }
 

@@ -128,8 +128,9 @@ bool Destination::replaceFile(const QByteArray &content, QString &reason) const
         return false;
     }
     const QByteArray temporary = temporaryName(name);
-    const int fd =
-        temporary.isEmpty() ? -1 : ::openat(folderFd, temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    const int fd = temporary.isEmpty()
+                       ? -1
+                       : ::openat(folderFd, temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     bool replaced = false;
     if (fd < 0) {
         reason = systemError("no temporary file can be made beside it");

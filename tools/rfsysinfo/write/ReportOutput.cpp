@@ -2,6 +2,7 @@
 
 #include "devicePaths.h"
 #include "model/ReportJson.h"
+#include "write/TerminalText.h"
 
 #include <QJsonDocument>
 
@@ -175,18 +176,19 @@ QString indentedText(const QString &text, int column)
 QString headerText(const ReportSource &source)
 {
     QString text = QStringLiteral("rfsysinfo %1: %2%3\n")
-                       .arg(source.toolVersion, sourceDescription(source),
+                       .arg(source.toolVersion, terminalText(sourceDescription(source)),
                             source.sanitized ? QStringLiteral(", serial numbers replaced") : QString());
     if (const std::optional<CaptureOrigin> &origin = source.origin) {
         text += QStringLiteral("captured %1 by rfsysinfo %2 from %3\n")
-                    .arg(origin->captured.toUTC().toString(Qt::ISODate), origin->toolVersion,
-                         origin->sourceTree.isEmpty() ? QStringLiteral("the instrument") : origin->sourceTree);
+                    .arg(origin->captured.toUTC().toString(Qt::ISODate), terminalText(origin->toolVersion),
+                         origin->sourceTree.isEmpty() ? QStringLiteral("the instrument")
+                                                      : terminalText(origin->sourceTree));
         if (!origin->software)
             text += QStringLiteral("the capture does not record the instrument's software: firmware and UI versions "
                                    "are this machine's\n");
         for (const QString &path : source.truncatedFiles)
-            text +=
-                QStringLiteral("truncated by the capture: %1 (what is reported of it cannot be trusted)\n").arg(path);
+            text += QStringLiteral("truncated by the capture: %1 (what is reported of it cannot be trusted)\n")
+                        .arg(terminalText(path));
     }
     return text;
 }
@@ -213,7 +215,7 @@ QByteArray textReport(const Report &report)
         text += QLatin1Char('\n') + section.title + QLatin1Char('\n');
         for (const Line &line : section.lines)
             text += QString(labelIndent, QLatin1Char(' ')) + line.label.leftJustified(labelWidth) +
-                    indentedText(line.text, labelIndent + labelWidth) + QLatin1Char('\n');
+                    indentedText(terminalText(line.text, true), labelIndent + labelWidth) + QLatin1Char('\n');
     }
     return text.toUtf8();
 }
