@@ -38,13 +38,19 @@ ln -s "/chain" "$work/tree/storage/chained-link" && ln -s "$RFSI_HOST_FILE" "$wo
 ln -s "/proc/self/root$RFSI_HOST_FILE" "$work/tree/storage/proc-link"
 ln -s /chain "$work/tree/storage/RFHW_Revision.info"
 ln -s "../../../../../../../../..$RFSI_HOST_FILE" "$work/tree/opt/shown/relative-link"
+mkdir -p "$work/tree/usr/bin" && echo "the tree's notes" > "$work/tree/opt/shown/notes"
+for program in bin/cat usr/bin/cat; do
+    printf '#!/bin/sh\necho "the tree'"'"'s cat"\n' > "$work/tree/$program" && chmod +x "$work/tree/$program"
+done
 nodes=""
 if [ "$(id -u)" = 0 ]; then
     for node in storage/device-node opt/device-node; do mknod "$work/tree/$node" c 4000 0; done
     nodes="/storage/device-node /opt/device-node /.deviceroot/tree/storage/device-node"
 fi
 export RFSI_DEVICE_NODES="$nodes"
-"$device_root" --tree "$work/tree" --show "$work/host" -- /bin/getSicutil > "$work/tries" 2>&1 || true
+# In a terminal, through the host's shell (rfsi-device-root runs the host's programs, never the tree's).
+script -qec "'$device_root' --tree '$work/tree' --show '$work/host' -- sh -c 'exec /bin/getSicutil'" /dev/null </dev/null |
+    tr -d '\r' > "$work/tries" || true
 script -qec "'$rfsysinfo' --root '$work/tree' --allow-tools --section identity --output '$work/reports/report.txt'" \
     /dev/null </dev/null >"$work/terminal" 2>&1 || true
 cat "$work/tries" "$work/reports/report.txt"
@@ -55,6 +61,8 @@ grep -Eq 'WRITTEN|READ|INJECTED' "$work/tries" "$work/reports/report.txt" &&
     { echo "FAIL: a try reached what it must not"; status=1; }
 [ "$(cat "$RFSI_HOST_FILE")" = untouched ] || { echo "FAIL: the host's file was changed"; status=1; }
 [ "$(ls "$work/reports")" = report.txt ] || { echo "FAIL: the tree's tool wrote into the host folder"; status=1; }
+[ "$("$device_root" --tree "$work/tree" -- cat /opt/shown/notes 2>&1)" = "the tree's notes" ] ||
+    { echo "FAIL: rfsi-device-root ran something but the host's cat"; status=1; }
 for node in $nodes; do
     grep -qx "refused $node: Permission denied" "$work/tries" ||
         { echo "FAIL: the tree's device node $node was not refused as on a nodev mount"; status=1; }
