@@ -4,6 +4,7 @@
 #include "Baselines.h"
 #include "DeviceRoot.h"
 #include "QueryRound.h"
+#include "devicePaths.h"
 #include "markers.h"
 
 #include <rfSystem_Info.h>
@@ -389,6 +390,40 @@ std::string measureCaptureAndReplay()
     return table;
 }
 
+// A full report (identity tools left out) with a sparse file of `gibibytes` at every path the library
+// reads, in a child of its own: the time and the child's peak resident memory, which must not grow
+// with the files' size.
+std::string measureSparseFiles(int gibibytes)
+{
+    const auto start = std::chrono::steady_clock::now();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::vector<std::string> paths(std::begin(rfsi::paths::deviceFiles), std::end(rfsi::paths::deviceFiles));
+        for (int sensor : rfsi::paths::temperatureSensors)
+            paths.push_back(rfsi::paths::thermalZonePath(sensor));
+        for (const std::string &path : paths) {
+            std::ofstream(path, std::ios::app).close();
+            if (::truncate(path.c_str(), static_cast<off_t>(gibibytes) << 30) != 0)
+                ::_exit(1);
+        }
+        rfSystemInfo::updatedSystemInfo = false;
+        rfSystemInfo fresh;
+        rfsitest::askEveryQuery(fresh, false);
+        ::_exit(0);
+    }
+    int status = 0;
+    rusage usage{};
+    ::wait4(child, &status, 0, &usage);
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    deviceroot::reset();
+    char line[200];
+    std::snprintf(line, sizeof line, "a sparse file of %2d GiB at every path: %6lld ms, peak resident %4ld MiB%s\n",
+                  gibibytes,
+                  static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()),
+                  usage.ru_maxrss / 1024, WIFEXITED(status) && WEXITSTATUS(status) == 0 ? "" : " (FAILED)");
+    return line;
+}
+
 // Times `call` while the process holds `heldMiB` of memory that it has written to, so that every
 // page is mapped (as in a large caller). A run with held memory is 40 calls, enough for a median.
 void registerTimed(const std::string &name, const std::function<void()> &call, std::size_t heldMiB)
@@ -433,7 +468,8 @@ int main(int argc, char **argv)
     rfsitest::askEveryQuery(info());
     const long afterReport = residentKiB();
     // Before the benchmarks raise the peak.
-    const std::string largeOutput = measureLargeOutput() + measureCaptureAndReplay();
+    const std::string largeOutput =
+        measureLargeOutput() + measureCaptureAndReplay() + measureSparseFiles(1) + measureSparseFiles(16);
 
     std::vector<Pair> measured = pairs();
     measured.push_back({"fullReport(withTools)", [] { rfsitest::askEveryQuery(info(), true); }, nullptr, false});

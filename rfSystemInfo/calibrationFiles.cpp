@@ -52,10 +52,11 @@ QString rfSystemInfo::checkYroSpurFile()
 
 QString rfSystemInfo::checkSystemDate(QString path)
 {
-    QFile file(path);
-    if (!rfsi::exists(path) || !rfsi::openForReading(file))
+    const std::optional<QByteArray> line =
+        rfsi::exists(path) ? rfsi::readDeviceBytes(QFile::encodeName(path).constData(), true) : std::nullopt;
+    if (!line)
         return QString::fromLatin1(rfsi::marker::none);
-    return rfsi::textUpToNul(file.readLine()).trimmed().simplified();
+    return rfsi::textUpToNul(*line).trimmed().simplified();
 }
 
 namespace {

@@ -3,6 +3,7 @@
 #include "devicePaths.h"
 #include "markers.h"
 
+#include <QDataStream>
 #include <QHash>
 #include <QMutex>
 #include <QSettings>
@@ -42,13 +43,15 @@ QString textUpToNul(const QByteArray &bytes)
 
 namespace {
 
-// The bytes of the open file `fd` from where it stands: all, or up to and including the first line feed.
+// The bytes of the open file `fd` from where it stands: all, or up to and including the first line
+// feed; at most maxFileBytes.
 QByteArray readBytes(int fd, bool firstLineOnly)
 {
     QByteArray bytes;
     char buffer[16384];
-    for (;;) {
-        const ssize_t count = ::read(fd, buffer, sizeof buffer);
+    while (bytes.size() < maxFileBytes) {
+        const size_t wanted = static_cast<size_t>(std::min<qint64>(sizeof buffer, maxFileBytes - bytes.size()));
+        const ssize_t count = ::read(fd, buffer, wanted);
         if (count < 0 && errno == EINTR)
             continue;
         if (count <= 0)
@@ -86,18 +89,6 @@ bool isRegularFile(const QString &path)
     return ::stat(QFile::encodeName(path).constData(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
-bool openForReading(QFile &file, QIODevice::OpenMode mode)
-{
-    const int fd = paths::openRegularFile(QFile::encodeName(file.fileName()).constData());
-    if (fd < 0)
-        return false;
-    if (!file.open(fd, mode, QFileDevice::AutoCloseHandle)) {
-        ::close(fd);
-        return false;
-    }
-    return true;
-}
-
 namespace {
 
 // UTF-8, UTF-16 and UTF-32 byte order marks all start with one of these bytes.
@@ -124,10 +115,10 @@ std::optional<CountedList> readCountedList(const QString &path, int capacity)
             return list;
         }
     }
-    QFile file(path);
-    if (!openForReading(file))
+    const std::optional<QByteArray> bytes = readDeviceBytes(QFile::encodeName(path).constData(), false);
+    if (!bytes)
         return std::nullopt;
-    QTextStream stream(&file);
+    QTextStream stream(*bytes, QIODevice::ReadOnly);
     // The lists are written in UTF-8 whatever the caller's locale (Qt 5 would take the locale's).
 #if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     static QTextCodec *const utf8 = QTextCodec::codecForMib(106); // looked up once, not per call
@@ -203,47 +194,211 @@ FileStamp stampOf(const struct stat &info)
     return {info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim};
 }
 
-#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
-// The instrument's programs know the answers of Qt 5, which reads an INI file byte by byte as Latin-1,
-// or, after a UTF-8 byte order mark, as UTF-8 (the mark then starts the first key, and a byte that is
-// no UTF-8 becomes U+FFFD). Qt 6 reads UTF-8 and drops such bytes. So Qt 6 is given, in memory, the
-// text Qt 5 would read, as UTF-8. -1 where no such copy can be made.
-int copyAsQt5ReadsIt(int fd)
+// The text QSettings is to parse for a file of `bytes`. The instrument's programs know the answers
+// of Qt 5, which reads an INI file byte by byte as Latin-1, or, after a UTF-8 byte order mark, as UTF-8
+// (the mark then starts the first key, and a byte that is no UTF-8 becomes U+FFFD). Qt 6 reads UTF-8
+// and drops such bytes, so it is given the text Qt 5 would read, as UTF-8.
+QByteArray textForQSettings(const QByteArray &bytes)
 {
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
     static const char byteOrderMark[] = "\xef\xbb\xbf";
-    const QByteArray bytes = readBytes(fd, false);
-    const QByteArray text = bytes.startsWith(byteOrderMark)
-                                ? QString::fromLatin1(byteOrderMark).toUtf8() + QString::fromUtf8(bytes.mid(3)).toUtf8()
-                                : QString::fromLatin1(bytes).toUtf8();
+    return bytes.startsWith(byteOrderMark)
+               ? QString::fromLatin1(byteOrderMark).toUtf8() + QString::fromUtf8(bytes.mid(3)).toUtf8()
+               : QString::fromLatin1(bytes).toUtf8();
+#else
+    return bytes;
+#endif
+}
+
+using Settings = QHash<QString, QVariant>;
+
+Settings settingsFrom(int fd, const FileStamp &stamp, const QString &path)
+{
+    const QSettings settings(nameForQSettings(fd, stamp, path), QSettings::IniFormat);
+    Settings values;
+    for (const QString &key : settings.allKeys())
+        values.insert(key, settings.value(key));
+    return values;
+}
+
+// The settings of a file that holds `text`, made in memory; none where it cannot be made.
+Settings settingsOfText(const QByteArray &text, const QString &path)
+{
     const int copy = ::memfd_create("rfsi-ini", MFD_CLOEXEC);
-    if (copy >= 0 && ::write(copy, text.constData(), static_cast<size_t>(text.size())) == text.size())
-        return copy;
+    struct stat info;
+    Settings values;
+    if (copy >= 0 && ::write(copy, text.constData(), static_cast<size_t>(text.size())) == text.size() &&
+        ::fstat(copy, &info) == 0)
+        values = settingsFrom(copy, stampOf(info), path);
     if (copy >= 0)
         ::close(copy);
-    return -1;
+    return values;
 }
-#endif
 
-// The settings of the open regular file `fd` at `path`, as Qt 5 reads them.
+// A value "@Variant(...)" is a QVariant that QSettings deserializes, allocating what its counts say
+// before it reads what they count: one line can ask for gigabytes. Such values are first read as
+// bytes ("@ByteArray(@Variant(...)"), checked, and only then deserialized.
+constexpr char storedValue[] = "@Variant(";
+constexpr char storedValueAsBytes[] = "@ByteArray(@Variant(";
+
+// Whether Qt reads the stored value `bytes` (a QVariant as QDataStream's Qt 4.0 format writes it)
+// without allocating more than the bytes hold: texts, numbers, and lists and maps of them whose every
+// count stays within the bytes that follow.
+class StoredValueCheck
+{
+public:
+    explicit StoredValueCheck(const QByteArray &bytes) : bytes(bytes) {}
+    bool holds() { return variant(0) && at == bytes.size(); }
+
+private:
+    enum Type : quint32 {
+        Bool = 1,
+        Int,
+        UInt,
+        LongLong,
+        ULongLong,
+        Double,
+        Char,
+        VariantMap,
+        VariantList,
+        String,
+        StringList,
+        ByteArray,
+        VariantHash = 28
+    };
+    static constexpr int deepest = 16;
+
+    bool number(quint32 &value)
+    {
+        if (bytes.size() - at < 4)
+            return false;
+        const auto *data = reinterpret_cast<const uchar *>(bytes.constData() + at);
+        value = quint32(data[0]) << 24 | quint32(data[1]) << 16 | quint32(data[2]) << 8 | data[3];
+        at += 4;
+        return true;
+    }
+    bool skip(quint32 count)
+    {
+        if (count > quint32(bytes.size() - at))
+            return false;
+        at += int(count);
+        return true;
+    }
+    bool text()
+    {
+        quint32 length = 0;
+        return number(length) && (length == 0xffffffff || skip(length));
+    }
+    template <typename Element>
+    bool list(int depth, Element element)
+    {
+        quint32 count = 0;
+        if (depth >= deepest || !number(count) || count > quint32(bytes.size() - at) / 4)
+            return false;
+        for (quint32 i = 0; i < count; ++i)
+            if (!element())
+                return false;
+        return true;
+    }
+    bool variant(int depth)
+    {
+        quint32 type = 0;
+        if (!number(type))
+            return false;
+        switch (type) {
+        case Bool:
+            return skip(1);
+        case Char:
+            return skip(2);
+        case Int:
+        case UInt:
+            return skip(4);
+        case LongLong:
+        case ULongLong:
+        case Double:
+            return skip(8);
+        case String:
+        case ByteArray:
+            return text();
+        case StringList:
+            return list(depth, [this] { return text(); });
+        case VariantList:
+            return list(depth, [this, depth] { return variant(depth + 1); });
+        case VariantMap:
+        case VariantHash:
+            return list(depth, [this, depth] { return text() && variant(depth + 1); });
+        default:
+            return false;
+        }
+    }
+
+    const QByteArray &bytes;
+    int at = 0;
+};
+
+QByteArray withStoredValuesRestored(QByteArray bytes)
+{
+    return bytes.replace(storedValueAsBytes, storedValue);
+}
+
+// A value read with its stored values as bytes, as QSettings gives the original, but a stored value it
+// could not read without allocating more than it holds: that one reads as invalid, as a broken one does.
+QVariant restoredValue(const QVariant &value, bool &allBounded)
+{
+    if (value.userType() == QMetaType::QByteArray) {
+        const QByteArray bytes = value.toByteArray();
+        if (!bytes.startsWith(storedValue))
+            return withStoredValuesRestored(bytes);
+        const QByteArray stored = withStoredValuesRestored(bytes.mid(int(sizeof storedValue) - 1));
+        if (!StoredValueCheck(stored).holds()) {
+            allBounded = false;
+            return {};
+        }
+        QDataStream stream(stored);
+        stream.setVersion(QDataStream::Qt_4_0);
+        QVariant restored;
+        stream >> restored;
+        return restored;
+    }
+    if (value.userType() == QMetaType::QString)
+        return value.toString().replace(QLatin1String(storedValueAsBytes), QLatin1String(storedValue));
+    if (value.userType() == QMetaType::QStringList || value.userType() == QMetaType::QVariantList) {
+        QVariantList elements;
+        bool allText = true;
+        for (const QVariant &element : value.toList()) {
+            elements << restoredValue(element, allBounded);
+            allText = allText && elements.last().userType() == QMetaType::QString;
+        }
+        if (!allText)
+            return elements;
+        QStringList texts;
+        for (const QVariant &element : elements)
+            texts << element.toString();
+        return texts;
+    }
+    return value;
+}
+
+// The settings of the open regular file `fd` at `path`, as Qt 5 reads them: from the file itself, or
+// from a copy where the file is longer than maxFileBytes, where Qt 6 reads it, or where it holds
+// stored values (a stored value QSettings could not read without allocating more than it holds reads
+// as invalid).
 void readSettings(int fd, const FileStamp &stamp, const QString &path, QHash<QString, QString> &values)
 {
-    int parsedFd = fd;
-    FileStamp parsedStamp = stamp;
-#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
-    struct stat info;
-    const int copy = copyAsQt5ReadsIt(fd);
-    if (copy >= 0 && ::fstat(copy, &info) == 0) {
-        parsedFd = copy;
-        parsedStamp = stampOf(info);
+    const QByteArray text = textForQSettings(readBytes(fd, false));
+    Settings settings;
+    bool allBounded = true;
+    if (text.contains(storedValue)) {
+        settings = settingsOfText(QByteArray(text).replace(storedValue, storedValueAsBytes), path);
+        for (QVariant &value : settings)
+            value = restoredValue(value, allBounded);
     }
-#endif
-    const QSettings settings(nameForQSettings(parsedFd, parsedStamp, path), QSettings::IniFormat);
-    for (const QString &key : settings.allKeys())
-        values.insert(key, settings.value(key).toString());
-#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
-    if (copy >= 0)
-        ::close(copy);
-#endif
+    if (allBounded) {
+        const bool copied = QT_VERSION >= QT_VERSION_CHECK(6, 0, 0) || stamp.size > maxFileBytes;
+        settings = copied ? settingsOfText(text, path) : settingsFrom(fd, stamp, path);
+    }
+    for (auto value = settings.cbegin(); value != settings.cend(); ++value)
+        values.insert(value.key(), value.value().toString());
 }
 
 struct ParsedIni

@@ -14,6 +14,10 @@
 
 namespace rfsi {
 
+// No query reads more of a file than this, far above any real device file: a longer file reads as its
+// first maxFileBytes bytes, so that neither memory nor time grows with a file's size beyond it.
+constexpr qint64 maxFileBytes = 64 * 1024 * 1024;
+
 // Bytes as text the way the instrument's callers expect: decoded as UTF-8 and cut at the first NUL.
 QString textUpToNul(const char *data, qsizetype size);
 QString textUpToNul(const std::string &bytes);
@@ -34,12 +38,9 @@ bool exists(const QString &path);
 bool isRegularFile(const QString &path);
 
 // The bytes of the regular file at `path`: all of them, or (`firstLineOnly`) up to and including the
-// first line feed. std::nullopt when it does not open or is not a regular file.
+// first line feed; never more than maxFileBytes. std::nullopt when it does not open or is not a
+// regular file.
 std::optional<QByteArray> readDeviceBytes(const char *path, bool firstLineOnly);
-
-// Opens a device file for reading; false when it does not open or is not a regular file. Reads then
-// never block and end at the file's size.
-bool openForReading(QFile &file, QIODevice::OpenMode mode = QIODevice::ReadOnly);
 
 // A counted list: line 1 holds the number of entries, each following line one entry, untrimmed.
 struct CountedList

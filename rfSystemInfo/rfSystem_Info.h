@@ -5,6 +5,12 @@
 // text or default instead (`NONE`, "r", "1000", 1 and "1.0", the empty string, ...). The library
 // only reads: it writes no file and keeps no file or process open after a call returns.
 //
+// No query reads more than the first 64 MiB of a file, far above any real device file: a longer file
+// answers as if it ended there (its text cut at 64 MiB), so neither memory nor time grows with a
+// file's size beyond that. In the INI files, a stored value ("@Variant(...)") that Qt could read only
+// by allocating more than its bytes hold (a list that claims 2^31 elements) reads as empty, as a broken
+// stored value does; stored texts, numbers, and lists and maps of them keep their answers.
+//
 // Nothing here synchronises: getRFModuleRevision (RFHwRevision), loadDpbSysmtemInfo and
 // getFpgaVersionrfSystemInfo (dpbJsonDoc) and checkDspString (dspNames) change shared state, and a
 // caller that uses them from several threads serialises them itself. param() itself is safe to call

@@ -3,6 +3,7 @@
 #include "DeviceRoot.h"
 #include "DeviceTest.h"
 #include "QueryRound.h"
+#include "deviceFile.h"
 #include "devicePaths.h"
 #include "rfSystem_Info.h"
 
@@ -15,6 +16,7 @@
 #include <thread>
 
 #include <malloc.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -164,6 +166,39 @@ TEST_F(RobustnessTest, ReadOnlyDeviceAnswersAlikeAndNothingIsEverWritten)
     });
 }
 
+std::vector<std::string> everyPathRead()
+{
+    std::vector<std::string> paths(std::begin(rfsi::paths::deviceFiles), std::end(rfsi::paths::deviceFiles));
+    for (int sensor : rfsi::paths::temperatureSensors)
+        paths.push_back(rfsi::paths::thermalZonePath(sensor));
+    paths.push_back("/bin/getSicutil");
+    return paths;
+}
+
+// A sparse file of 4 GiB at every path (a few KiB on disk) is read only up to the limit: every query
+// answers within an address space of 1 GiB, and no answer is longer than the limit.
+TEST_F(RobustnessTest, FilesOfGigabytesAreReadOnlyUpToTheLimit)
+{
+    for (const std::string &path : everyPathRead()) {
+        fs::create_directories(fs::path(path).parent_path());
+        writeDeviceFile(path, "", 0755);
+        fs::resize_file(path, std::uintmax_t(4) << 30);
+    }
+    inFreshProcess([] {
+#ifndef RFSI_TEST_SANITIZED // a sanitizer reserves terabytes of address space for itself
+        const rlimit oneGibibyte{1 << 30, 1 << 30};
+        ASSERT_EQ(::setrlimit(RLIMIT_AS, &oneGibibyte), 0);
+#endif
+        rfSystemInfo::updatedSystemInfo = false;
+        rfSystemInfo info;
+        const QStringList answers = askEveryQuery(info);
+        // Present, and a first line of NUL bytes: empty.
+        EXPECT_TRUE(answers.contains("OK/OK/OK") && answers.contains("OK()")) << answers.join(' ').toStdString();
+        for (const QString &answer : answers)
+            EXPECT_LE(answer.size(), rfsi::maxFileBytes);
+    });
+}
+
 // Hostile content is read within the file's size; nodes that are no file (a FIFO or a folder at
 // every path) leave no descriptor open.
 TEST_F(RobustnessTest, HostileContentAndNodesThatAreNoFilesAreReadWithinBounds)
@@ -179,10 +214,7 @@ TEST_F(RobustnessTest, HostileContentAndNodesThatAreNoFilesAreReadWithinBounds)
         "fifo",
         "folder",
     };
-    std::vector<std::string> paths(std::begin(rfsi::paths::deviceFiles), std::end(rfsi::paths::deviceFiles));
-    for (int sensor : rfsi::paths::temperatureSensors)
-        paths.push_back(rfsi::paths::thermalZonePath(sensor));
-    paths.push_back("/bin/getSicutil");
+    const std::vector<std::string> paths = everyPathRead();
     for (const std::string &content : contents) {
         SCOPED_TRACE(content.size() < 8 ? "a " + content + " at every path"
                                         : std::to_string(content.size()) + " bytes");
