@@ -31,7 +31,7 @@ for package in $packages; do
 done
 
 in_device_root() {
-    "$build_dir/deviceroot/rfsi-device-root" --tree "$source_dir/examples/device" --show "$work" ${prefix:+--show "$prefix"} \
+    "$build_dir/tools/rfsi-device-root/rfsi-device-root" --tree "$source_dir/examples/device" --show "$work" ${prefix:+--show "$prefix"} \
         -- "$@"
 }
 status=0

@@ -1,13 +1,14 @@
 // rfsysinfo: reports everything librfSystemInfo answers, as text or JSON, on this instrument, on a
 // copied device tree or on a capture; and captures a device's state into one archive.
+#include "CaptureArchive.h"
 #include "DeviceRoot.h"
+#include "DeviceState.h"
 #include "devicePaths.h"
 #include "judge/ReleaseProfile.h"
 #include "judge/ReportCheck.h"
 #include "judge/ReportDiff.h"
 #include "model/ReportModel.h"
-#include "read/CaptureArchive.h"
-#include "read/DeviceState.h"
+#include "read/DeviceReading.h"
 #include "write/CheckOutput.h"
 #include "write/DiffOutput.h"
 #include "write/MetricsOutput.h"

@@ -5,6 +5,7 @@
 #ifndef RFSYSINFO_REPORTMODEL_H
 #define RFSYSINFO_REPORTMODEL_H
 
+#include "DeviceState.h"
 #include "markers.h"
 
 #include <QDate>
@@ -16,23 +17,6 @@
 #include <optional>
 
 class rfSystemInfo;
-
-// What the report shows that comes from the instrument's software rather than its files: a replay
-// must show the instrument's, not those of the machine it runs on.
-struct InstrumentSoftware
-{
-    QString firmwareVersion, uiVersion, rfSerial;
-};
-
-// Where and when a capture was made.
-struct CaptureOrigin
-{
-    QString toolVersion; // of the rfsysinfo (and library) that made it
-    QDateTime captured;
-    QString sourceTree; // empty: captured on the instrument itself
-    bool sanitized = false;
-    std::optional<InstrumentSoftware> software; // captures of format 1 have none
-};
 
 // The library's marker texts, answered in place of data.
 namespace marker = rfsi::marker;

@@ -1,7 +1,7 @@
 #include "read/ReportInput.h"
 
+#include "DeviceState.h"
 #include "model/ReportJson.h"
-#include "read/DeviceState.h"
 
 #include <QCoreApplication>
 #include <QJsonArray>

@@ -1,6 +1,6 @@
 #include "write/OutputFile.h"
 
-#include "read/DeviceState.h"
+#include "DeviceState.h"
 
 #include <QFile>
 #include <QFileInfo>

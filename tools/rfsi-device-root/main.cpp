@@ -6,8 +6,8 @@
 // without any capability, so that whatever a copied tree holds cannot undo the root's read-only
 // mounts or reach the host's devices, and in a session of its own: nothing it starts can push
 // keystrokes into the terminal that started it.
+#include "CaptureArchive.h"
 #include "DeviceRoot.h"
-#include "read/CaptureArchive.h"
 
 #include <QFile>
 

@@ -1,4 +1,4 @@
-#include "read/CaptureArchive.h"
+#include "CaptureArchive.h"
 
 #include "devicePaths.h"
 

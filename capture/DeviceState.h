@@ -1,10 +1,8 @@
 // A device's state as the library sees it: what stands at each fixed path (with the bytes of every
 // file it reads) and what the identity tools answered. Read from a device for a capture, and put back
 // into a private device root for a replay.
-#ifndef RFSYSINFO_DEVICESTATE_H
-#define RFSYSINFO_DEVICESTATE_H
-
-#include "model/ReportModel.h"
+#ifndef RFSI_CAPTURE_DEVICESTATE_H
+#define RFSI_CAPTURE_DEVICESTATE_H
 
 #include <QByteArray>
 #include <QDateTime>
@@ -16,7 +14,22 @@
 
 #include <sys/types.h>
 
-class rfSystemInfo;
+// What the report shows that comes from the instrument's software rather than its files: a replay
+// must show the instrument's, not those of the machine it runs on.
+struct InstrumentSoftware
+{
+    QString firmwareVersion, uiVersion, rfSerial;
+};
+
+// Where and when a capture was made.
+struct CaptureOrigin
+{
+    QString toolVersion; // of the rfsysinfo (and library) that made it
+    QDateTime captured;
+    QString sourceTree; // empty: captured on the instrument itself
+    bool sanitized = false;
+    std::optional<InstrumentSoftware> software; // captures of format 1 have none
+};
 
 // What stands at a fixed path. The library reads anything but a regular file as present and
 // unreadable, so a folder and another kind of node are recorded, never copied.
@@ -75,20 +88,9 @@ QStringList capturedFilePaths();
 // The identity tools' paths, in the order the library asks them.
 QStringList identityToolPaths();
 
-// Reads the fixed paths of the device this process sees, each the way the library opens it (without
-// blocking, checked as opened) and within the caps; runs the identity tools when `askTools`.
-DeviceState readDeviceState(rfSystemInfo &info, bool askTools);
-
-// Replaces the serial numbers where they stand as whole values: the values of the inventory file's
-// serial keys (an empty one or a marker stays, so that a replay shows it missing) and its other values
-// that are one of `serials`, and the identity tools' answers that are one of them (the serial field's
-// answer always, unless empty), and the board description's JSON texts that are one of them. Nothing
-// else of the copied files is touched.
-void replaceSerials(DeviceState &state, const QStringList &serials, const QString &placeholder);
-
 // Inside a private device root: makes every fixed path hold what `state` recorded, and lets the
 // identity tools answer what they answered (when they were asked) through a replay program of this
 // tool's own, which reads the recorded answers as data. False with `error` when a step fails.
 bool applyDeviceState(const DeviceState &state, QString &error);
 
-#endif // RFSYSINFO_DEVICESTATE_H
+#endif // RFSI_CAPTURE_DEVICESTATE_H

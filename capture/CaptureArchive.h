@@ -4,7 +4,7 @@
 #ifndef RFSYSINFO_CAPTUREARCHIVE_H
 #define RFSYSINFO_CAPTUREARCHIVE_H
 
-#include "read/DeviceState.h"
+#include "DeviceState.h"
 
 #include <QByteArray>
 #include <QString>
