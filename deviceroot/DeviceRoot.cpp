@@ -17,6 +17,8 @@
 #include <linux/mount.h>
 #include <linux/openat2.h>
 #include <sched.h>
+#include <seccomp.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -43,6 +45,15 @@ constexpr char treeLinksLayer[] = "/.deviceroot/links";
 constexpr char nowhereFolder[] = "/.deviceroot/nowhere";
 
 const char *const programFolders[] = {"/bin", "/usr/bin"};
+
+// What runs a confined program of the tree, and the seccomp filter it runs under.
+constexpr char sandboxFolder[] = "/.deviceroot/sandbox";
+// The host's user a confined program runs as where the root was made by the host's root.
+constexpr int confinedUser = 65534;
+// Bounds of a confined program: processes of its user, address space, file size, open files, and the
+// writable /tmp it gets (the rest of the root it sees read-only).
+constexpr char confinedLimits[] = "--nproc=64 --as=536870912 --fsize=16777216 --nofile=256";
+constexpr char confinedWritableBytes[] = "16777216";
 
 const char *const readOnlyHostFolders[] = {"/usr", "/etc"};
 // The device nodes a program may need; /dev is otherwise empty and read-only, so that no disk or
@@ -544,9 +555,13 @@ void enterNamespaces()
     if (::unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) != 0)
         fail("create a user, mount and PID namespace as an unprivileged user (are user namespaces allowed? see "
              "/proc/sys/user/max_user_namespaces)");
+    // Where the tree's programs run, the user stays who they are inside: bubblewrap, which confines
+    // those programs, takes a root without capabilities for one with them.
+    const std::string insideUid = treeProgramsRun ? std::to_string(uid) : "0";
+    const std::string insideGid = treeProgramsRun ? std::to_string(gid) : "0";
     writeProcFile("/proc/self/setgroups", "deny");
-    writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-    writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+    writeProcFile("/proc/self/uid_map", insideUid + " " + std::to_string(uid) + " 1");
+    writeProcFile("/proc/self/gid_map", insideGid + " " + std::to_string(gid) + " 1");
 }
 
 volatile sig_atomic_t signalTarget = 0;
@@ -696,6 +711,115 @@ void buildRoot(const Options &options, const std::string &hostBin)
         fail("detach the host's root");
 }
 
+// Whether this process is the host's root, not the root of a user namespace made for another user.
+bool madeByHostRoot()
+{
+    std::ifstream map("/proc/self/uid_map");
+    long inside = -1, outside = -1, count = 0;
+    return map >> inside >> outside >> count && inside == 0 && outside == 0 && count == 4294967295L;
+}
+
+// The seccomp filter of a confined program, as BPF for bubblewrap: what could reach the terminal, other
+// processes, the kernel's keys and programs, or the mounts and namespaces is refused (EPERM). For the
+// native architecture and those a program may run as under emulation.
+void writeSyscallFilter(const std::string &path)
+{
+    const std::unique_ptr<void, void (*)(scmp_filter_ctx)> filter(seccomp_init(SCMP_ACT_ALLOW), seccomp_release);
+    if (!filter)
+        throw SetupError("make the seccomp filter of the tree's programs");
+    for (uint32_t arch : std::initializer_list<uint32_t>{SCMP_ARCH_X86_64, SCMP_ARCH_X86, SCMP_ARCH_X32,
+                                                         SCMP_ARCH_AARCH64, SCMP_ARCH_ARM})
+        seccomp_arch_add(filter.get(), arch); // the native one is there already
+    const scmp_filter_ctx context = filter.get();
+    const auto refuse = [context](const char *name, unsigned count = 0, scmp_arg_cmp comparison = {}) {
+        const int call = seccomp_syscall_resolve_name(name);
+        if (call != __NR_SCMP_ERROR)
+            seccomp_rule_add(context, SCMP_ACT_ERRNO(EPERM), call, count, comparison);
+    };
+    for (const char *name : {"ptrace",       "process_vm_readv", "process_vm_writev",
+                             "keyctl",       "add_key",          "request_key",
+                             "bpf",          "userfaultfd",      "perf_event_open",
+                             "mount",        "umount",           "umount2",
+                             "pivot_root",   "move_mount",       "open_tree",
+                             "fsopen",       "fsconfig",         "fsmount",
+                             "fspick",       "mount_setattr",    "setns",
+                             "kexec_load",   "kexec_file_load",  "init_module",
+                             "finit_module", "delete_module",    "acct",
+                             "swapon",       "swapoff",          "reboot"})
+        refuse(name);
+    refuse("ioctl", 1, SCMP_A1(SCMP_CMP_MASKED_EQ, 0xffffffffU, TIOCSTI));
+    refuse("ioctl", 1, SCMP_A1(SCMP_CMP_MASKED_EQ, 0xffffffffU, TIOCLINUX));
+    refuse("unshare", 1, SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_NEWUSER, CLONE_NEWUSER));
+    refuse("clone", 1, SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_NEWUSER, CLONE_NEWUSER));
+    // clone3 passes its flags in memory, which a filter cannot read: the C library falls back to clone.
+    seccomp_rule_add(context, SCMP_ACT_ERRNO(ENOSYS), seccomp_syscall_resolve_name("clone3"), 0);
+    const Fd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (file.get() < 0 || seccomp_export_bpf(context, file.get()) != 0)
+        throw SetupError("write the seccomp filter of the tree's programs");
+}
+
+std::string shellQuoted(const std::string &text)
+{
+    std::string quoted = "'";
+    for (char character : text)
+        quoted += character == '\'' ? std::string("'\\''") : std::string(1, character);
+    return quoted + "'";
+}
+
+// The program that stands at a confined program's path: the host's own tools (from the root's pristine
+// copy of the host's /usr/bin) start `program` as another user where the host's root made the root,
+// with limits, and bubblewrap runs it in namespaces of its own (user, PID, network, IPC, UTS, cgroup,
+// mount) with no terminal, no capability, an empty environment but PATH and LANG, the root read-only
+// but a small /tmp, the seccomp filter, and no way to outlive the process it was started by.
+std::string launcherScript(const std::string &program)
+{
+    const std::string bin = std::string(hostBinFolder) + "/";
+    const std::string user = madeByHostRoot() ? "--reuid=" + std::to_string(confinedUser) +
+                                                    " --regid=" + std::to_string(confinedUser) +
+                                                    " --clear-groups --bounding-set=-all "
+                                              : std::string();
+    return "#!" + bin + "sh\nexec " + bin + "prlimit " + confinedLimits + " -- " + bin + "setpriv " + user +
+           "--inh-caps=-all --no-new-privs -- " + bin +
+           "bwrap --unshare-all --unshare-user --new-session --die-with-parent --clearenv "
+           "--setenv PATH /usr/bin:/bin --setenv LANG C.UTF-8 --ro-bind / / --tmpfs /proc --remount-ro /proc --size " +
+           confinedWritableBytes + " --tmpfs /tmp --seccomp 9 -- " + shellQuoted(program) + " \"$@\" 9<" +
+           sandboxFolder + "/filter\n";
+}
+
+void writeExecutable(const std::string &path, const std::string &content)
+{
+    const Fd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755));
+    if (file.get() < 0 || ::write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
+        fail("write " + path);
+}
+
+// Runs the launcher of a harmless program once: where this machine cannot confine a program (no
+// bubblewrap, no user namespaces, no seccomp), none of the tree's programs may run.
+void tryConfinement()
+{
+    const std::string probe = std::string(sandboxFolder) + "/probe";
+    writeExecutable(probe, launcherScript(std::string(hostBinFolder) + "/true"));
+    const pid_t child = ::fork();
+    if (child == 0) {
+        try {
+            dropPrivileges(true); // as the process that will start the tree's programs
+        } catch (const SetupError &) {
+            ::_exit(126);
+        }
+        const int null = ::open("/dev/null", O_RDWR);
+        for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+            ::dup2(null, fd);
+        ::execl(probe.c_str(), probe.c_str(), static_cast<char *>(nullptr));
+        ::_exit(127);
+    }
+    int status = 0;
+    while (child > 0 && ::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (child < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        throw SetupError("this machine cannot confine the tree's programs (bubblewrap with user namespaces and "
+                         "seccomp, util-linux's setpriv and prlimit are needed), so none of them may run");
+}
+
 } // namespace
 
 const std::vector<std::string> &deviceFolders()
@@ -739,14 +863,23 @@ bool treeHolds(const std::string &deviceTree, const std::string &path)
     return node.get() >= 0;
 }
 
-void dropPrivileges()
+void dropPrivileges(bool keepForConfinedPrograms)
 {
+    // A confined program is started as another user (setuid, setgid, the bounding set dropped) and
+    // ended at its time limit (kill): only where the root's maker was the host's root.
+    const int kept[] = {CAP_SETUID, CAP_SETGID, CAP_SETPCAP, CAP_KILL};
+    const bool keep = keepForConfinedPrograms && madeByHostRoot();
     for (int capability = 0; capability <= CAP_LAST_CAP; ++capability)
-        ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);
+        if (!keep || std::find(std::begin(kept), std::end(kept), capability) == std::end(kept))
+            ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);
     ::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
-    if (::syscall(SYS_capset, &header, none) != 0)
+    __user_cap_data_struct capabilities[_LINUX_CAPABILITY_U32S_3] = {};
+    for (int capability : kept)
+        if (keep)
+            capabilities[capability / 32].effective |= 1U << (capability % 32),
+                capabilities[capability / 32].permitted |= 1U << (capability % 32);
+    if (::syscall(SYS_capset, &header, capabilities) != 0)
         fail("drop the capabilities");
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
         fail("forbid new privileges");
@@ -755,6 +888,34 @@ void dropPrivileges()
     // folder would lead it out of the root). An exec makes the process dumpable again.
     if (::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0)
         fail("keep this process out of reach of the tree's programs");
+}
+
+void confineTreePrograms(const std::vector<std::string> &paths)
+{
+    if (!isInside())
+        throw SetupError("confineTreePrograms: this process is not inside a device root");
+    makeFolders(sandboxFolder);
+    mountOrFail("tmpfs", sandboxFolder, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755",
+                "mount " + std::string(sandboxFolder));
+    writeSyscallFilter(std::string(sandboxFolder) + "/filter");
+    tryConfinement();
+    for (const std::string &path : paths) {
+        struct stat info;
+        if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+            continue; // nothing there that could run
+        // The tree's own program, seen through the tree's view, where it cannot be replaced.
+        const std::string folder = path.substr(0, path.rfind('/'));
+        const auto seed = seededFolders.find(folder);
+        std::error_code error;
+        const std::filesystem::path program = std::filesystem::canonical(
+            seed == seededFolders.end() ? path : treeFolder + seed->second + path.substr(folder.size()), error);
+        if (error || program.string().rfind(std::string(treeFolder) + "/", 0) != 0)
+            throw SetupError("the tree's program " + path + " cannot be confined: it is not the tree's");
+        if (::unlink(path.c_str()) != 0)
+            fail("replace " + path + " by its launcher");
+        writeExecutable(path, launcherScript(program.string()));
+    }
+    makeReadOnly(sandboxFolder);
 }
 
 void makeReadOnly()

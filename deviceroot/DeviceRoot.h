@@ -69,7 +69,19 @@ bool treeHolds(const std::string &deviceTree, const std::string &path);
 // Drops every capability for good (also across exec of a set-user-ID program), so that a program of a
 // copied tree cannot undo the root's read-only mounts or reach the host's devices, and makes the
 // process undumpable, so that such a program cannot read its memory or open its descriptors in /proc.
-void dropPrivileges();
+// With `keepForConfinedPrograms`, where the host's root made the root, it keeps what starting a
+// confined program as another user and ending it takes (setuid, setgid, setpcap, kill): then this
+// process must run no program of the tree but through its launcher (confineTreePrograms).
+void dropPrivileges(bool keepForConfinedPrograms = false);
+
+// Puts a launcher at each of `paths` (fixed paths, such as the identity tools) that holds a program of
+// the tree: it runs that program confined, whoever made the root: as another user where the host's
+// root made it, in user, PID, network, IPC, UTS, cgroup and mount namespaces of its own, with no
+// terminal, no capability, no new privileges, an empty environment but PATH and LANG, a seccomp filter
+// (no TIOCSTI or TIOCLINUX, ptrace, keyctl, bpf, userfaultfd, mounting or new user namespaces), bounded
+// processes, memory, file size and writable space, and unable to see, signal or outlive the process
+// that started it. Throws SetupError where this machine cannot confine a program: then none may run.
+void confineTreePrograms(const std::vector<std::string> &paths);
 
 // True inside a device root made by enter().
 bool isInside();

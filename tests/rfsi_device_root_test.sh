@@ -55,8 +55,21 @@ script -qec "'$rfsysinfo' --root '$work/tree' --allow-tools --section identity -
     /dev/null </dev/null >"$work/terminal" 2>&1 || true
 cat "$work/tries" "$work/reports/report.txt"
 grep -q '^refused /proc/1/root' "$work/tries" || { echo "FAIL: /proc/1/root was not tried"; status=1; }
-grep -q 'refused /proc/[0-9]*/fd/[0-9]*/escape' "$work/reports/report.txt" ||
-    { echo "FAIL: rfsysinfo's descriptors were not tried"; status=1; }
+# rfsysinfo confines the tree's tool: it sees no process of the root, runs as another user than the
+# host's root, in a network of its own, with nothing of the caller's environment.
+for seen in 'processes visible: 0;' "confined as user $( [ "$(id -u)" = 0 ] && echo 65534 || id -u ), limits 64/32768, network links 1, environment LANG=C.UTF-8 PATH=/usr/bin:/bin " 'refused a user namespace'; do
+    grep -qF "$seen" "$work/reports/report.txt" || { echo "FAIL: the tree's tool under rfsysinfo did not say '$seen'"; status=1; }
+done
+# Where a tree's program cannot be confined (here: a root that may not set up the sandbox's user), none
+# runs: --allow-tools is refused with the reason.
+if unshare --user --map-root-user true 2>/dev/null; then
+    unshare --user --map-root-user "$rfsysinfo" --root "$work/tree" --allow-tools > "$work/unconfined" 2>&1 && status=1
+    grep -q "rfsysinfo: this machine cannot confine the tree's programs" "$work/unconfined" && ! grep -q Model "$work/unconfined" ||
+        { echo "FAIL: a tree's tool ran unconfined: $(cat "$work/unconfined")"; status=1; }
+fi
+sleep 1
+pgrep -f rfsi-left-behind >/dev/null && { echo "FAIL: a process of the tree's tool outlived rfsysinfo"; status=1; }
+grep -Eq 'ESCAPED' "$work/reports/report.txt" && { echo "FAIL: the tree's tool made a user namespace"; status=1; }
 grep -Eq 'WRITTEN|READ|INJECTED' "$work/tries" "$work/reports/report.txt" &&
     { echo "FAIL: a try reached what it must not"; status=1; }
 [ "$(cat "$RFSI_HOST_FILE")" = untouched ] || { echo "FAIL: the host's file was changed"; status=1; }

@@ -500,10 +500,17 @@ Made make(const Settings &settings)
         if (settings.capture.isEmpty() && !settings.allowTools && !removeTools(identityToolPaths(), error))
             return failed(exitDeviceRoot, error);
     }
-    // From here on, a copied tree's programs may run: none of them gets a capability.
+    // From here on, a copied tree's programs may run: each through a launcher that confines it.
     if (!settings.deviceTree.isEmpty()) {
         try {
-            deviceroot::dropPrivileges();
+            const bool treeToolsRun = !replayed && settings.allowTools;
+            if (treeToolsRun) {
+                std::vector<std::string> tools;
+                for (const QString &tool : identityToolPaths())
+                    tools.push_back(QFile::encodeName(tool).toStdString());
+                deviceroot::confineTreePrograms(tools);
+            }
+            deviceroot::dropPrivileges(treeToolsRun);
         } catch (const deviceroot::SetupError &setupError) {
             return failed(exitDeviceRoot, QString::fromLocal8Bit(setupError.what()));
         }
