@@ -257,6 +257,7 @@ std::vector<std::string> fixedPaths()
     return paths;
 }
 
+// Opens `path` below `folderFd` ("/" or "" is the folder itself) as `resolve` lets the kernel resolve it.
 int openat2(int folderFd, const std::string &path, uint64_t flags, uint64_t resolve)
 {
     open_how how{};
@@ -747,10 +748,10 @@ void writeSyscallFilter(const std::string &path)
                              "finit_module", "delete_module",    "acct",
                              "swapon",       "swapoff",          "reboot"})
         refuse(name);
-    refuse("ioctl", 1, SCMP_A1(SCMP_CMP_MASKED_EQ, 0xffffffffU, TIOCSTI));
-    refuse("ioctl", 1, SCMP_A1(SCMP_CMP_MASKED_EQ, 0xffffffffU, TIOCLINUX));
-    refuse("unshare", 1, SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_NEWUSER, CLONE_NEWUSER));
-    refuse("clone", 1, SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_NEWUSER, CLONE_NEWUSER));
+    refuse("ioctl", 1, {1, SCMP_CMP_MASKED_EQ, 0xffffffffU, TIOCSTI});
+    refuse("ioctl", 1, {1, SCMP_CMP_MASKED_EQ, 0xffffffffU, TIOCLINUX});
+    refuse("unshare", 1, {0, SCMP_CMP_MASKED_EQ, CLONE_NEWUSER, CLONE_NEWUSER});
+    refuse("clone", 1, {0, SCMP_CMP_MASKED_EQ, CLONE_NEWUSER, CLONE_NEWUSER});
     // clone3 passes its flags in memory, which a filter cannot read: the C library falls back to clone.
     seccomp_rule_add(context, SCMP_ACT_ERRNO(ENOSYS), seccomp_syscall_resolve_name("clone3"), 0);
     const Fd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
@@ -781,7 +782,8 @@ std::string launcherScript(const std::string &program)
     return "#!" + bin + "sh\nexec " + bin + "prlimit " + confinedLimits + " -- " + bin + "setpriv " + user +
            "--inh-caps=-all --no-new-privs -- " + bin +
            "bwrap --unshare-all --unshare-user --new-session --die-with-parent --clearenv "
-           "--setenv PATH /usr/bin:/bin --setenv LANG C.UTF-8 --ro-bind / / --tmpfs /proc --remount-ro /proc --size " +
+           "--setenv PATH /usr/bin:/bin --setenv LANG C.UTF-8 --ro-bind / / --dev /dev --remount-ro /dev --tmpfs /proc "
+           "--remount-ro /proc --size " +
            confinedWritableBytes + " --tmpfs /tmp --seccomp 9 -- " + shellQuoted(program) + " \"$@\" 9<" +
            sandboxFolder + "/filter\n";
 }
@@ -875,10 +877,12 @@ void dropPrivileges(bool keepForConfinedPrograms)
     ::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct capabilities[_LINUX_CAPABILITY_U32S_3] = {};
-    for (int capability : kept)
-        if (keep)
-            capabilities[capability / 32].effective |= 1U << (capability % 32),
-                capabilities[capability / 32].permitted |= 1U << (capability % 32);
+    for (int capability : kept) {
+        if (!keep)
+            break;
+        capabilities[capability / 32].effective |= 1U << (capability % 32);
+        capabilities[capability / 32].permitted |= 1U << (capability % 32);
+    }
     if (::syscall(SYS_capset, &header, capabilities) != 0)
         fail("drop the capabilities");
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
