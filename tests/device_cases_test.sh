@@ -76,16 +76,17 @@ make_socket() {
         "${1##*/}")
 }
 # The case's tree copied (links as links), with what its "nodes" file lists: git keeps no FIFO, empty
-# folder or socket.
+# folder, socket or file of gigabytes.
 prepared_tree() {
     local tree=$work/cases/$case kind path
-    mkdir -p "$tree" && cp -a "$folder/tree/." "$tree/"
-    [ -f "$folder/nodes" ] && while read -r kind path; do
+    mkdir -p "$tree" && { [ ! -d "$folder/tree" ] || cp -a "$folder/tree/." "$tree/"; }
+    [ -f "$folder/nodes" ] && while read -r kind path size; do
         mkdir -p "$(dirname "$tree$path")"
         case $kind in
         fifo) mkfifo "$tree$path" ;;
         folder) mkdir "$tree$path" ;;
         socket) make_socket "$tree$path" ;;
+        sparse) truncate -s "$size" "$tree$path" ;;
         esac
     done <"$folder/nodes"
     echo "$tree"
