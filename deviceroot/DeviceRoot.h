@@ -13,10 +13,12 @@
 //   the host folders asked for   at their own paths, read-only unless asked otherwise
 // Given a device tree (a copy of an instrument's file system), each fixed path shows the tree's
 // folder of the same name instead, as a writable overlay over it, and the tree's other top-level
-// folders (/opt, /mnt, ...) stand read-only at their paths. Links in the tree resolve as on the
-// instrument: an absolute link leads into the tree, never to the host. The tree itself is visible
-// read-only at /.deviceroot/tree and is never changed. Nothing written inside reaches the host, and
-// no other host path is reachable.
+// folders (/opt, /mnt, ...) stand read-only at their paths. A tree is data: every link in it leads
+// where it leads on the instrument with the tree as "/" (or nowhere), never to the host, and every
+// mount made from it is nodev and nosuid, and noexec unless its programs are to run. The tree itself
+// is visible read-only at /.deviceroot/tree, with its links so rewritten, and is never changed.
+// Nothing written inside reaches the host, and no other host path is reachable. The threat model and
+// what holds each promise: docs/device-root.md.
 #ifndef DEVICEROOT_DEVICEROOT_H
 #define DEVICEROOT_DEVICEROOT_H
 
