@@ -716,8 +716,8 @@ void buildRoot(const Options &options, const std::string &hostBin)
 bool madeByHostRoot()
 {
     std::ifstream map("/proc/self/uid_map");
-    long inside = -1, outside = -1, count = 0;
-    return map >> inside >> outside >> count && inside == 0 && outside == 0 && count == 4294967295L;
+    unsigned long long inside = 1, outside = 1, count = 0; // the whole 32-bit range, also on 32-bit targets
+    return map >> inside >> outside >> count && inside == 0 && outside == 0 && count == 4294967295ULL;
 }
 
 // The seccomp filter of a confined program, as BPF for bubblewrap: what could reach the terminal, other
