@@ -690,9 +690,10 @@ void buildRoot(const Options &options, const std::string &hostBin)
     seededFolders.clear();
     if (!options.deviceTree.empty()) {
         const int treeFd = shownFds.back()->get();
+        const std::string treePath = pathOf(treeFd);
         mountTreeView(root, treeFd);
         for (const std::string &fixedPath : fixedPaths())
-            if (const auto folder = resolveInTree(treeFd, pathOf(treeFd), fixedPath, O_DIRECTORY))
+            if (const auto folder = resolveInTree(treeFd, treePath, fixedPath, O_DIRECTORY))
                 seededFolders[fixedPath] = *folder;
     }
     for (const std::string &fixedPath : fixedPaths())

@@ -137,9 +137,10 @@ std::optional<CountedList> readCountedList(const QString &path, int capacity)
 namespace {
 
 // QSettings opens files by name, and a name can be swapped for a FIFO (which would hold the open)
-// between any check and that open. So the file is opened and judged here, and QSettings parses it
-// through the descriptor's name in /proc. What it parsed is kept with the file's stamp and used until
-// any part of the stamp changes: every read opens the file, but parses it only when it changed.
+// between any check and that open. So the file is opened, judged and read here, and QSettings parses
+// a copy in memory of exactly the bytes read, through the copy's descriptor's name in /proc. What it
+// parsed is kept with the file's stamp and used until any part of the stamp changes: every read opens
+// the file, but reads and parses it only when it changed.
 struct FileStamp
 {
     dev_t device = 0;
@@ -212,15 +213,6 @@ QByteArray textForQSettings(const QByteArray &bytes)
 
 using Settings = QHash<QString, QVariant>;
 
-Settings settingsFrom(int fd, const FileStamp &stamp, const QString &path)
-{
-    const QSettings settings(nameForQSettings(fd, stamp, path), QSettings::IniFormat);
-    Settings values;
-    for (const QString &key : settings.allKeys())
-        values.insert(key, settings.value(key));
-    return values;
-}
-
 // The settings of a file that holds `text`, made in memory; none where it cannot be made.
 Settings settingsOfText(const QByteArray &text, const QString &path)
 {
@@ -228,8 +220,11 @@ Settings settingsOfText(const QByteArray &text, const QString &path)
     struct stat info;
     Settings values;
     if (copy >= 0 && ::write(copy, text.constData(), static_cast<size_t>(text.size())) == text.size() &&
-        ::fstat(copy, &info) == 0)
-        values = settingsFrom(copy, stampOf(info), path);
+        ::fstat(copy, &info) == 0) {
+        const QSettings settings(nameForQSettings(copy, stampOf(info), path), QSettings::IniFormat);
+        for (const QString &key : settings.allKeys())
+            values.insert(key, settings.value(key));
+    }
     if (copy >= 0)
         ::close(copy);
     return values;
@@ -379,11 +374,10 @@ QVariant restoredValue(const QVariant &value, bool &allBounded)
     return value;
 }
 
-// The settings of the open regular file `fd` at `path`, as Qt 5 reads them: from the file itself, or
-// from a copy where the file is longer than maxFileBytes, where Qt 6 reads it, or where it holds
-// stored values (a stored value QSettings could not read without allocating more than it holds reads
-// as invalid).
-void readSettings(int fd, const FileStamp &stamp, const QString &path, QHash<QString, QString> &values)
+// The settings of the open regular file `fd` at `path`, as Qt 5 reads them, from what was read of it
+// (at most maxFileBytes). A stored value QSettings could not read without allocating more than it
+// holds reads as invalid; where there is none, QSettings reads the text as it stands.
+void readSettings(int fd, const QString &path, QHash<QString, QString> &values)
 {
     const QByteArray text = textForQSettings(readBytes(fd, false));
     Settings settings;
@@ -393,10 +387,8 @@ void readSettings(int fd, const FileStamp &stamp, const QString &path, QHash<QSt
         for (QVariant &value : settings)
             value = restoredValue(value, allBounded);
     }
-    if (allBounded) {
-        const bool copied = QT_VERSION >= QT_VERSION_CHECK(6, 0, 0) || stamp.size > maxFileBytes;
-        settings = copied ? settingsOfText(text, path) : settingsFrom(fd, stamp, path);
-    }
+    if (allBounded)
+        settings = settingsOfText(text, path);
     for (auto value = settings.cbegin(); value != settings.cend(); ++value)
         values.insert(value.key(), value.value().toString());
 }
@@ -414,7 +406,7 @@ const QHash<QString, QString> &parsedValues(int fd, const FileStamp &stamp, cons
     ParsedIni &last = parsed[path];
     if (!sameFile(last.stamp, stamp)) {
         last = {stamp, {}};
-        readSettings(fd, stamp, path, last.values);
+        readSettings(fd, path, last.values);
     }
     return last.values;
 }
