@@ -25,7 +25,9 @@ constexpr char formatName[] = "rfsysinfo-capture";
 // What a whole capture unpacks to at most: the files, the manifest and tar's own headers.
 constexpr qint64 streamCap = captureTotalCap + manifestCap + (1 << 20);
 constexpr int readBlock = 65536;
-// The latest modification time a manifest may record: the end of the year 9999.
+// The modification times a manifest may record: from the year 1 to the end of the year 9999 (a tree
+// on a file system with a wider range is captured with its times held to this one).
+constexpr qint64 earliestTime = -62135596800;
 constexpr qint64 latestTime = 253402300799;
 
 using ArchivePointer = std::unique_ptr<archive, int (*)(archive *)>;
@@ -51,7 +53,7 @@ QJsonObject manifestJson(const DeviceState &state)
         QJsonObject node{{"kind", nodeKindName(file.kind)}};
         if (file.kind == NodeKind::File) {
             node.insert("size", static_cast<double>(file.content.size()));
-            node.insert("modified", static_cast<double>(file.modified));
+            node.insert("modified", static_cast<double>(std::clamp(file.modified, earliestTime, latestTime)));
             node.insert("truncated", file.truncated);
         }
         paths.insert(file.path, node);
@@ -98,7 +100,7 @@ bool addEntry(archive *writer, const QString &name, const QByteArray &content, q
     archive_entry_set_gid(entry.get(), 0);
     archive_entry_set_uname(entry.get(), "root");
     archive_entry_set_gname(entry.get(), "root");
-    archive_entry_set_mtime(entry.get(), static_cast<time_t>(modified), 0);
+    archive_entry_set_mtime(entry.get(), static_cast<time_t>(std::clamp(modified, earliestTime, latestTime)), 0);
     archive_entry_set_size(entry.get(), content.size());
     return archive_write_header(writer, entry.get()) == ARCHIVE_OK &&
            archive_write_data(writer, content.constData(), static_cast<size_t>(content.size())) == content.size();
@@ -222,7 +224,8 @@ public:
                 return refuse(refusal, QStringLiteral("gives %1 no known kind").arg(path));
             if (node.kind == NodeKind::File) {
                 const std::optional<qint64> size = wholeNumber(recorded.value("size"), captureFileCap);
-                const std::optional<qint64> modified = wholeNumber(recorded.value("modified"), latestTime);
+                const std::optional<qint64> modified =
+                    wholeNumber(recorded.value("modified"), latestTime, earliestTime);
                 if (!size || !modified || !recorded.value("truncated").isBool())
                     return refuse(refusal,
                                   QStringLiteral("gives the file %1 no valid size, time or truncation").arg(path));
@@ -247,11 +250,12 @@ private:
         return std::nullopt;
     }
 
-    // A whole number from 0 to `highest`; a JSON number is a double, so 1e300 or 2.5 is refused here.
-    static std::optional<qint64> wholeNumber(const QJsonValue &value, qint64 highest)
+    // A whole number from `lowest` to `highest`; a JSON number is a double, so 1e300 or 2.5 is refused.
+    static std::optional<qint64> wholeNumber(const QJsonValue &value, qint64 highest, qint64 lowest = 0)
     {
-        const double number = value.toDouble(-1);
-        if (!value.isDouble() || number < 0 || number > static_cast<double>(highest) || number != std::floor(number))
+        const double number = value.toDouble();
+        if (!value.isDouble() || number < static_cast<double>(lowest) || number > static_cast<double>(highest) ||
+            number != std::floor(number))
             return std::nullopt;
         return static_cast<qint64>(number);
     }
@@ -437,6 +441,15 @@ std::optional<QByteArray> captureArchive(const DeviceState &state, QString &erro
         archive_write_open(writer.get(), &archiveBytes, nullptr, appendToByteArray, nullptr) != ARCHIVE_OK)
         return failed("start");
     const QByteArray manifest = QJsonDocument(manifestJson(state)).toJson();
+    // The identity tools' answers are kept whole, so a tool that prints megabytes could make a
+    // manifest that no reader takes: such a capture is not made at all.
+    if (manifest.size() > manifestCap) {
+        error = QStringLiteral("cannot make the capture: the identity tools' answers take its manifest to %1 "
+                               "bytes, more than the %2 a capture holds")
+                    .arg(manifest.size())
+                    .arg(mebibytes(manifestCap));
+        return std::nullopt;
+    }
     if (!addEntry(writer.get(), QLatin1String(manifestName), manifest, state.origin.captured.toSecsSinceEpoch()))
         return failed("write the manifest into");
     for (const DeviceNode &file : state.files) // sorted by path

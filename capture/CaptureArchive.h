@@ -15,8 +15,8 @@
 // record the instrument's software.
 inline constexpr char manifestName[] = "capture.json";
 inline constexpr int captureFormatVersion = 2;
-// The manifest is small; anything larger is no manifest of ours.
-constexpr qint64 manifestCap = 1 << 20;
+// The manifest keeps the identity tools' answers whole, so it may take what one file may.
+constexpr qint64 manifestCap = 16 << 20;
 
 // The archive of `state`, made as its origin says; nothing (with `error`) when libarchive fails.
 std::optional<QByteArray> captureArchive(const DeviceState &state, QString &error);

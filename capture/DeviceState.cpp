@@ -21,7 +21,10 @@ namespace {
 namespace fs = std::filesystem;
 
 // The manifest's names of the kinds, in NodeKind's order.
-const QStringList kindNames = {"file", "missing", "folder", "other"};
+const QStringList kindNames = {"file", "missing", "folder", "other", "unreachable"};
+
+// Where a replay puts what an unreachable node leads to: inside a folder that may not be searched.
+constexpr char unreachableFolder[] = "/.rfsi-replay/unreachable";
 
 // Where a replay keeps the recorded answers: one file per program and field, below this folder and
 // the program's own path. Outside every fixed path, so the library never sees it.
@@ -76,6 +79,12 @@ bool putNode(const DeviceNode &node, QString &error)
         // Present and unreadable, as the node that stood there was.
         fs::create_directories(fs::path(path).parent_path(), ignored);
         return ::mkfifo(path.c_str(), 0644) == 0 || fail(error, "make the node", path);
+    case NodeKind::Unreachable:
+        fs::create_directories(fs::path(path).parent_path(), ignored);
+        fs::create_directories(unreachableFolder, ignored);
+        return (::chmod(unreachableFolder, 0) == 0 || fail(error, "set the mode of", unreachableFolder)) &&
+               (::symlink((unreachableFolder + std::string("/node")).c_str(), path.c_str()) == 0 ||
+                fail(error, "make the link", path));
     case NodeKind::File:
         break;
     }

@@ -32,8 +32,9 @@ struct CaptureOrigin
 };
 
 // What stands at a fixed path. The library reads anything but a regular file as present and
-// unreadable, so a folder and another kind of node are recorded, never copied.
-enum class NodeKind { File, Missing, Folder, Other };
+// unreadable, so a folder and another kind of node are recorded, never copied. A node behind a folder
+// that may not be searched is unreachable: it does not exist for a look at it, but does not open either.
+enum class NodeKind { File, Missing, Folder, Other, Unreachable };
 
 QString nodeKindName(NodeKind kind);
 // False when `name` names no kind.

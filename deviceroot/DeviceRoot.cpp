@@ -43,6 +43,9 @@ constexpr char overlayStates[] = "/.deviceroot/overlays";
 // nowhere inside the tree leads instead: an empty read-only folder, so it stays missing.
 constexpr char treeLinksLayer[] = "/.deviceroot/links";
 constexpr char nowhereFolder[] = "/.deviceroot/nowhere";
+// Where a link leads that passes through a folder this process may not search: a folder nobody may
+// search, so the reader finds it there as it would find it in the tree.
+constexpr char unreachableFolder[] = "/.deviceroot/unreachable";
 
 const char *const programFolders[] = {"/bin", "/usr/bin"};
 
@@ -305,8 +308,17 @@ std::optional<std::string> resolveInTree(int treeFd, const std::string &treePath
 }
 
 // Calls `visit` with the path below the tree of every link in it, however deep. A folder that cannot
-// be read to its end fails: a link left out would lead to the host. Other file systems mounted inside
-// the tree are not part of it (the overlay does not show them either).
+// be read to its end fails: a link left out would lead to the host. But a folder this process may
+// neither read nor search is passed over: the reader, who has no more rights, cannot enter it either.
+// Other file systems mounted inside the tree are not part of it (the overlay does not show them either).
+bool searchable(int treeFd, const std::string &folder)
+{
+    const int fd = openat2(treeFd, folder + "/.", O_PATH | O_DIRECTORY, RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS);
+    if (fd >= 0)
+        ::close(fd);
+    return fd >= 0 || errno != EACCES;
+}
+
 template <typename Visit>
 void forEachTreeLink(int treeFd, Visit visit)
 {
@@ -323,6 +335,8 @@ void forEachTreeLink(int treeFd, Visit visit)
             const int error = errno;
             if (fd >= 0)
                 ::close(fd);
+            if (error == EACCES && !searchable(treeFd, folder))
+                continue;
             fail("read the device tree's folder " + (folder.empty() ? "/" : folder), error);
         }
         for (errno = 0; const dirent *entry = ::readdir(listing.get()); errno = 0) {
@@ -351,8 +365,9 @@ std::string retargeted(int treeFd, const std::string &treePath, const std::strin
     const std::string target = length > 0 ? std::string(text, static_cast<size_t>(length)) : std::string();
     if (std::find(std::begin(keptDeviceLinks), std::end(keptDeviceLinks), target) != std::end(keptDeviceLinks))
         return target;
+    errno = 0;
     const std::optional<std::string> resolved = resolveInTree(treeFd, treePath, link);
-    return resolved ? treeFolder + *resolved : nowhereFolder + link;
+    return resolved ? treeFolder + *resolved : (errno == EACCES ? unreachableFolder : nowhereFolder) + link;
 }
 
 // Makes the folders of `path` below the layer, each with the mode and owner of the tree's folder it
@@ -402,6 +417,9 @@ void mountTreeView(const std::string &root, int treeFd)
     makeFolders(root + nowhereFolder);
     mountOrFail("tmpfs", root + nowhereFolder, "tmpfs", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0555",
                 "mount the folder that links leading nowhere lead to");
+    makeFolders(root + unreachableFolder);
+    mountOrFail("tmpfs", root + unreachableFolder, "tmpfs", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0000",
+                "mount the folder that links through folders that may not be searched lead to");
 }
 
 // Each seeded fixed path's folder in the tree, links resolved (a path below the tree): reset() mounts

@@ -3,7 +3,6 @@
 #include "devicePaths.h"
 #include "markers.h"
 
-#include <QDataStream>
 #include <QHash>
 #include <QMutex>
 #include <QSettings>
@@ -222,19 +221,22 @@ Settings settingsOfText(const QByteArray &text, const QString &path)
     if (copy >= 0 && ::write(copy, text.constData(), static_cast<size_t>(text.size())) == text.size() &&
         ::fstat(copy, &info) == 0) {
         const QSettings settings(nameForQSettings(copy, stampOf(info), path), QSettings::IniFormat);
+        // No fixed key is empty, and QSettings warns about every empty one it is asked for.
         for (const QString &key : settings.allKeys())
-            values.insert(key, settings.value(key));
+            if (!key.isEmpty())
+                values.insert(key, settings.value(key));
     }
     if (copy >= 0)
         ::close(copy);
     return values;
 }
 
-// A value "@Variant(...)" is a QVariant that QSettings deserializes, allocating what its counts say
-// before it reads what they count: one line can ask for gigabytes. Such values are first read as
-// bytes ("@ByteArray(@Variant(...)"), checked, and only then deserialized.
+// A value "@Variant(...)" (or "@DateTime(...)", in a later stream format) is a QVariant that QSettings
+// deserializes, allocating what its counts say before it reads what they count: one line can ask for
+// gigabytes. Escapes can spell it too ("@Vari\x61nt("), so the text is scanned as QSettings scans it
+// (IniStoredValues, below), and each stored value is checked before QSettings sees it.
 constexpr char storedValue[] = "@Variant(";
-constexpr char storedValueAsBytes[] = "@ByteArray(@Variant(";
+constexpr char storedValueWithNullFlags[] = "@DateTime(";
 
 // Whether Qt reads the stored value `bytes` (a QVariant as QDataStream's Qt 4.0 format writes it)
 // without allocating more than the bytes hold: texts, numbers, and lists and maps of them whose every
@@ -242,7 +244,7 @@ constexpr char storedValueAsBytes[] = "@ByteArray(@Variant(";
 class StoredValueCheck
 {
 public:
-    explicit StoredValueCheck(const QByteArray &bytes) : bytes(bytes) {}
+    StoredValueCheck(const QByteArray &bytes, bool nullFlags) : bytes(bytes), nullFlags(nullFlags) {}
     bool holds() { return variant(0) && at == bytes.size(); }
 
 private:
@@ -298,7 +300,7 @@ private:
     bool variant(int depth)
     {
         quint32 type = 0;
-        if (!number(type))
+        if (!number(type) || (nullFlags && !skip(1)))
             return false;
         switch (type) {
         case Bool:
@@ -328,67 +330,191 @@ private:
     }
 
     const QByteArray &bytes;
+    const bool nullFlags; // each variant's type is followed by a byte that says whether it is null
     int at = 0;
 };
 
-QByteArray withStoredValuesRestored(QByteArray bytes)
+// The stored values of an INI text, found as QSettings finds them: its lines (a quote or a backslash
+// carries one over a line end; a ';' at a line's start makes it a comment), the value after each
+// key's first '=', and in it the elements of a list, unescaped ("\\x41", "\\101", "\\n", a skipped
+// unknown escape). An element whose text starts with a stored value's prefix and ends with ")" is
+// deserialized. Where this scan could differ from Qt's (trailing spaces), it finds more, never fewer.
+class IniStoredValues
 {
-    return bytes.replace(storedValueAsBytes, storedValue);
-}
+public:
+    struct Element
+    {
+        int from, to;     // its bytes in the text, separators excluded
+        QByteArray bytes; // what QDataStream reads: the text between the prefix and ")", as Latin-1
+        bool nullFlags;
+    };
 
-// A value read with its stored values as bytes, as QSettings gives the original, but a stored value it
-// could not read without allocating more than it holds: that one reads as invalid, as a broken one does.
-QVariant restoredValue(const QVariant &value, bool &allBounded)
+    explicit IniStoredValues(const QByteArray &text) : text(text)
+    {
+        int at = 0, start = 0, length = 0, equals = -1;
+        while (nextLine(at, start, length, equals))
+            if (equals >= 0 && text.at(start) != '[')
+                scanValue(equals + 1, start + length);
+    }
+    QVector<Element> found;
+
+private:
+    static bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+
+    bool nextLine(int &at, int &start, int &length, int &equals) const
+    {
+        const int size = text.size();
+        bool quoted = false;
+        equals = -1;
+        start = at;
+        while (start < size && isSpace(text.at(start)))
+            ++start;
+        int i = start;
+        while (i < size) {
+            const char c = text.at(i++);
+            if (c == '=' && !quoted && equals < 0) {
+                equals = i - 1;
+            } else if (c == '\n' || c == '\r') {
+                if (i == start + 1)
+                    ++start;
+                else if (!quoted) {
+                    --i;
+                    break;
+                }
+            } else if (c == '\\') {
+                if (i < size) {
+                    const char escaped = text.at(i++);
+                    if (i < size &&
+                        ((escaped == '\n' && text.at(i) == '\r') || (escaped == '\r' && text.at(i) == '\n')))
+                        ++i;
+                }
+            } else if (c == '"') {
+                quoted = !quoted;
+            } else if (c == ';') {
+                if (i == start + 1) {
+                    while (i < size && text.at(i) != '\n' && text.at(i) != '\r')
+                        ++i;
+                    while (i < size && isSpace(text.at(i)))
+                        ++i;
+                    start = i;
+                } else if (!quoted) {
+                    --i;
+                    break;
+                }
+            }
+        }
+        at = i;
+        length = i - start;
+        return length > 0;
+    }
+
+    // Appends the character of a "\\x" or octal escape, whose digits start at `i`.
+    int numericEscape(int i, int to, int base, QString &element) const
+    {
+        uint value = 0;
+        for (int digit; i < to && (digit = digitValue(text.at(i), base)) >= 0; ++i)
+            value = value * uint(base) + uint(digit);
+        element += QChar(ushort(value & 0xffff));
+        return i;
+    }
+    static int digitValue(char c, int base)
+    {
+        const int value = c >= '0' && c <= '9'   ? c - '0'
+                          : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                          : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                 : 99;
+        return value < base ? value : -1;
+    }
+
+    void scanValue(int from, int to)
+    {
+        static const char simpleEscapes[] = "abfnrtv\"?'\\";
+        static const char simpleMeanings[] = "\a\b\f\n\r\t\v\"?'\\";
+        bool quoted = false, elementQuoted = false;
+        QString element;
+        int i = from, elementStart = from;
+        auto skipSpaces = [&] {
+            while (i < to && (text.at(i) == ' ' || text.at(i) == '\t'))
+                ++i;
+        };
+        skipSpaces();
+        while (i < to) {
+            const char c = text.at(i);
+            if (c == '\\') {
+                if (++i >= to)
+                    break;
+                const char escaped = text.at(i++);
+                if (const char *simple = std::strchr(simpleEscapes, escaped); simple && escaped)
+                    element += QLatin1Char(simpleMeanings[simple - simpleEscapes]);
+                else if (escaped == 'x' && i < to && digitValue(text.at(i), 16) >= 0)
+                    i = numericEscape(i, to, 16, element);
+                else if (escaped >= '0' && escaped <= '7')
+                    i = numericEscape(i - 1, to, 8, element);
+                else if ((escaped == '\n' || escaped == '\r') && i < to && (text.at(i) == '\n' || text.at(i) == '\r') &&
+                         text.at(i) != escaped)
+                    ++i;
+            } else if (c == '"') {
+                ++i;
+                quoted = !quoted;
+                elementQuoted = true;
+                if (!quoted)
+                    skipSpaces();
+            } else if (c == ',' && !quoted) {
+                addElement(elementStart, i, element, elementQuoted);
+                elementStart = ++i;
+                elementQuoted = false;
+                skipSpaces();
+            } else {
+                int j = i + 1;
+                while (j < to && text.at(j) != '\\' && text.at(j) != '"' && text.at(j) != ',')
+                    ++j;
+                element += decoded(text.constData() + i, j - i);
+                i = j;
+            }
+        }
+        addElement(elementStart, to, element, elementQuoted);
+    }
+
+    static QString decoded(const char *bytes, int size)
+    {
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+        return QString::fromUtf8(bytes, size);
+#else
+        return QString::fromLatin1(bytes, size);
+#endif
+    }
+
+    void addElement(int from, int to, QString &element, bool quoted)
+    {
+        while (!quoted && (element.endsWith(QLatin1Char(' ')) || element.endsWith(QLatin1Char('\t'))))
+            element.chop(1);
+        for (const QLatin1String prefix : {QLatin1String(storedValue), QLatin1String(storedValueWithNullFlags)})
+            if (element.startsWith(prefix) && element.endsWith(QLatin1Char(')')))
+                found.push_back({from, to, element.mid(prefix.size(), element.size() - prefix.size() - 1).toLatin1(),
+                                 prefix == QLatin1String(storedValueWithNullFlags)});
+        element.clear();
+    }
+
+    const QByteArray &text;
+};
+
+// The text with every stored value that Qt could not read without allocating more than it holds made
+// "@Invalid()", which QSettings reads as it reads a broken stored value.
+QByteArray withUnboundedValuesInvalid(QByteArray text)
 {
-    if (value.userType() == QMetaType::QByteArray) {
-        const QByteArray bytes = value.toByteArray();
-        if (!bytes.startsWith(storedValue))
-            return withStoredValuesRestored(bytes);
-        const QByteArray stored = withStoredValuesRestored(bytes.mid(int(sizeof storedValue) - 1));
-        if (!StoredValueCheck(stored).holds()) {
-            allBounded = false;
-            return {};
-        }
-        QDataStream stream(stored);
-        stream.setVersion(QDataStream::Qt_4_0);
-        QVariant restored;
-        stream >> restored;
-        return restored;
-    }
-    if (value.userType() == QMetaType::QString)
-        return value.toString().replace(QLatin1String(storedValueAsBytes), QLatin1String(storedValue));
-    if (value.userType() == QMetaType::QStringList || value.userType() == QMetaType::QVariantList) {
-        QVariantList elements;
-        bool allText = true;
-        for (const QVariant &element : value.toList()) {
-            elements << restoredValue(element, allBounded);
-            allText = allText && elements.last().userType() == QMetaType::QString;
-        }
-        if (!allText)
-            return elements;
-        QStringList texts;
-        for (const QVariant &element : elements)
-            texts << element.toString();
-        return texts;
-    }
-    return value;
+    const QVector<IniStoredValues::Element> stored = IniStoredValues(text).found;
+    for (auto element = stored.crbegin(); element != stored.crend(); ++element)
+        if (!StoredValueCheck(element->bytes, element->nullFlags).holds())
+            text.replace(element->from, element->to - element->from, "@Invalid()");
+    return text;
 }
 
 // The settings of the open regular file `fd` at `path`, as Qt 5 reads them, from what was read of it
-// (at most maxFileBytes). A stored value QSettings could not read without allocating more than it
-// holds reads as invalid; where there is none, QSettings reads the text as it stands.
+// (at most maxFileBytes), but a stored value QSettings could not read without allocating more than it
+// holds, which reads as invalid.
 void readSettings(int fd, const QString &path, QHash<QString, QString> &values)
 {
-    const QByteArray text = textForQSettings(readBytes(fd, false));
-    Settings settings;
-    bool allBounded = true;
-    if (text.contains(storedValue)) {
-        settings = settingsOfText(QByteArray(text).replace(storedValue, storedValueAsBytes), path);
-        for (QVariant &value : settings)
-            value = restoredValue(value, allBounded);
-    }
-    if (allBounded)
-        settings = settingsOfText(text, path);
+    const Settings settings = settingsOfText(withUnboundedValuesInvalid(textForQSettings(readBytes(fd, false))), path);
     for (auto value = settings.cbegin(); value != settings.cend(); ++value)
         values.insert(value.key(), value.value().toString());
 }

@@ -33,6 +33,7 @@
 #include <optional>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -297,6 +298,10 @@ bool enterDeviceRoot(const QString &tree, bool treeProgramsRun, const QString &s
 bool removeTools(const QStringList &tools, QString &error)
 {
     for (const QString &tool : tools) {
+        // The library runs nothing but a regular file: a folder or a FIFO there may stay.
+        struct stat info;
+        if (::stat(QFile::encodeName(tool).constData(), &info) == 0 && !S_ISREG(info.st_mode))
+            continue;
         if (::unlink(QFile::encodeName(tool).constData()) != 0 && errno != ENOENT) {
             error = QStringLiteral("cannot keep %1 from running: %2").arg(tool, std::strerror(errno));
             return false;

@@ -173,7 +173,42 @@ QJsonObject reportSections(const Report &report)
     QJsonObject sections;
     for (const QString &name : report.sections)
         sections.insert(name, sectionJson(report, name));
-    return sections;
+    // As written, so that a live report and a saved one compare equal.
+    return interchangeable(sections).toObject();
+}
+
+QJsonValue interchangeable(const QJsonValue &value)
+{
+    if (value.isString()) {
+        QString text = value.toString();
+        for (auto i = text.size() - text.size(); i < text.size(); ++i) {
+            const QChar at = text.at(i);
+            if (at.isHighSurrogate() && i + 1 < text.size() && text.at(i + 1).isLowSurrogate())
+                ++i;
+            else if (at.isSurrogate())
+                text[i] = QChar::ReplacementCharacter;
+        }
+        return text;
+    }
+    if (value.isArray()) {
+        QJsonArray array;
+        for (const QJsonValue &element : value.toArray())
+            array.append(interchangeable(element));
+        return array;
+    }
+    if (value.isObject()) {
+        QJsonObject object;
+        const QJsonObject given = value.toObject();
+        for (auto member = given.begin(); member != given.end(); ++member)
+            object.insert(interchangeable(member.key()).toString(), interchangeable(member.value()));
+        return object;
+    }
+    return value;
+}
+
+QByteArray jsonDocumentBytes(const QJsonObject &document)
+{
+    return QJsonDocument(interchangeable(document).toObject()).toJson(QJsonDocument::Indented);
 }
 
 QStringList jsonHeaderKeys()

@@ -32,6 +32,12 @@ QMap<QString, QJsonValue> sectionValues(const QJsonValue &section);
 // Keys in report order: "images[2].name" before "images[10].name", runs of digits compare as numbers.
 bool inReportOrder(const QString &a, const QString &b);
 
+// `value` as I-JSON (RFC 7493) has it: every lone surrogate of its texts and keys, which strict
+// parsers refuse, replaced by U+FFFD.
+QJsonValue interchangeable(const QJsonValue &value);
+// A document of the tool, indented, as I-JSON.
+QByteArray jsonDocumentBytes(const QJsonObject &document);
+
 // A value as a message shows it: texts bare, a list as "a or b", an absent one as "(absent)".
 QString shownValue(const QJsonValue &value);
 

@@ -23,7 +23,14 @@ DeviceNode readNode(const QString &path, qint64 copyLimit)
     DeviceNode node{path, NodeKind::Missing, {}, 0, false};
     const int fd = rfsi::paths::openDeviceNode(QFile::encodeName(path).constData());
     if (fd < 0) {
-        node.kind = rfsi::paths::nothingStandsThere(errno) ? NodeKind::Missing : NodeKind::Other;
+        // Present for a look at it (the library's test for calibration files) or not even that.
+        struct stat info;
+        if (rfsi::paths::nothingStandsThere(errno))
+            node.kind = NodeKind::Missing;
+        else if (::stat(QFile::encodeName(path).constData(), &info) == 0)
+            node.kind = NodeKind::Other;
+        else
+            node.kind = rfsi::paths::nothingStandsThere(errno) ? NodeKind::Missing : NodeKind::Unreachable;
         return node;
     }
     struct stat info;

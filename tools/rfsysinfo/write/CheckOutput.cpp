@@ -136,5 +136,5 @@ QByteArray checkJson(const Report &report, const QVector<Finding> &findings, con
                                          {"strict", strict},
                                          {"profile", options.release ? options.release->name : QJsonValue()},
                                          {"findings", list}});
-    return QJsonDocument(document).toJson(QJsonDocument::Indented);
+    return jsonDocumentBytes(document);
 }

@@ -56,5 +56,5 @@ QByteArray diffJson(const DiffSide &before, const DiffSide &after, const QVector
         {"tool", "rfsysinfo"},
         {"version", QCoreApplication::applicationVersion()},
         {"diff", QJsonObject{{"before", sideJson(before)}, {"after", sideJson(after)}, {"differences", list}}}};
-    return QJsonDocument(document).toJson(QJsonDocument::Indented);
+    return jsonDocumentBytes(document);
 }

@@ -226,5 +226,5 @@ QByteArray jsonReport(const Report &report)
     const QJsonObject sections = reportSections(report);
     for (auto section = sections.begin(); section != sections.end(); ++section)
         document.insert(section.key(), section.value());
-    return QJsonDocument(document).toJson(QJsonDocument::Indented);
+    return jsonDocumentBytes(document);
 }
