@@ -25,7 +25,8 @@ for expected in 'hot rfsi_check_finding{id="temperature.critical",severity="erro
     'hot rfsi_check_findings{severity="warning"} 0' 'hot rfsi_critical_temperature_celsius{source="inventory"} 85' \
     'blank rfsi_critical_temperature_celsius{source="option"} 90' \
     'blank rfsi_check_finding{id="temperature.critical",severity="error"} 1' \
-    'blank rfsi_check_finding{id="inventory.missing",severity="error"} 1'; do
+    'blank rfsi_check_finding{id="inventory.missing",severity="error"} 1' \
+    'sample rfsi_identity_info{firmware_version="1.0.0",model="KV721",rf_serial="RFSERIAL",serial_number="KV721-24-0042",ui_version="5.010.005a"} 1'; do
     grep -qxF "${expected#* }" "$work/${expected%% *}.prom" || fail "${expected%% *}.prom lacks ${expected#* }"
 done
 

@@ -134,7 +134,10 @@ TEST_F(RfsysinfoTest, TheMachinesToolsNeverAnswerForATreeOrACapture)
     EXPECT_TRUE(fs::exists(sampleDevice.toStdString() + "/bin/getSicutil")) << "a tree must stay as it is";
 }
 
-TEST_F(RfsysinfoTest, AFileOfExactlyTheCapIsCapturedWholeAndOneByteMoreIsCutAndNamed)
+// The caps of a capture at their edges: a file of exactly 16 MiB is kept whole, one byte more is cut
+// and named, and files past 64 MiB in all are cut; an identity tool's answer of over a mebibyte is kept
+// whole and replays, but one that would take the manifest past 16 MiB makes no capture at all.
+TEST_F(RfsysinfoTest, ACaptureKeepsWhatItsCapsAllowAndReadsItAllBack)
 {
     std::string content = "2025-01-01 cal\n";
     for (const qint64 size : {qint64{16} << 20, (qint64{16} << 20) + 1}) {
@@ -150,6 +153,26 @@ TEST_F(RfsysinfoTest, AFileOfExactlyTheCapIsCapturedWholeAndOneByteMoreIsCutAndN
         const ToolRun replay = rfsysinfo({"--root", capturePath, "--section", "calibration"});
         EXPECT_EQ(replay.out.contains("truncated by the capture: /bin/thirdAmpOffset.dat"), cut) << size;
         EXPECT_TRUE(replay.out.contains("OK(2025-01-01 cal)")) << replay.out.toStdString();
+    }
+    for (const char *path : {"/bin/basic_freq_cal.csv", "/bin/dnc_freq_cal.csv", "/bin/freq_cal_high.csv"})
+        writeDeviceFile(path, content);
+    captureOf({});
+    qint64 total = 0;
+    for (const QJsonValue &recorded : manifestOfCapture()["paths"].toObject())
+        total += static_cast<qint64>(recorded["size"].toDouble());
+    EXPECT_EQ(total, qint64{64} << 20) << "four files of 16 MiB and one byte, cut to 64 MiB in all";
+
+    const QStringList identity = {"--json", "--section", "identity"};
+    for (const auto &[width, captured] : {std::pair{"1100000", true}, {"17000000", false}}) {
+        writeDeviceFile("/bin/getSicutil",
+                        std::string("#!/bin/sh\n[ \"$4\" = ProductName ] && printf '%0") + width + "d' 7\n", 0755);
+        const ToolRun capture = rfsysinfo({"--capture", "/storage/answers.tgz"});
+        EXPECT_EQ(capture.status, captured ? 0 : 4) << width << capture.err.toStdString();
+        if (captured)
+            EXPECT_EQ(parsedJson(rfsysinfo(identity + QStringList{"--root", "/storage/answers.tgz"}))["identity"],
+                      parsedJson(rfsysinfo(identity))["identity"]);
+        else
+            EXPECT_TRUE(capture.err.endsWith("more than the 16 MiB a capture holds\n")) << capture.err.toStdString();
     }
 }
 
@@ -205,20 +228,25 @@ TEST_F(RfsysinfoTest, CheckExitStatusFollowsTheVerdictAndItsOptions)
     // Its oldest is 2025-09-29: exactly that many days old is still within the limit.
     const QString oldestAge = QString::number(QDate(2025, 9, 29).daysTo(QDate::currentDate()));
     const QString youngerLimit = QString::number(oldestAge.toInt() - 1);
-    const std::tuple<QStringList, int, int> cases[] = {
-        {{}, 0, 0},
-        {{"--strict"}, 0, 0},
-        {{"--max-calibration-age", oldestAge}, 0, 0},
-        {{"--max-calibration-age", youngerLimit}, 0, 1}, // warnings only
-        {{"--max-calibration-age", "1"}, 0, 5},
-        {{"--max-calibration-age", "1", "--strict"}, 1, 5},
+    writeDeviceFile("/storage/another-model.json", R"({"identity": {"model": "KV999"}})");
+    const std::tuple<QStringList, int, int, QString> cases[] = {
+        {{}, 0, 0, "-0042): PASS, 0 errors and 0 warnings"},
+        {{"--strict"}, 0, 0, "PASS, 0 errors and 0 warnings (strict: warnings fail)"},
+        {{"--max-calibration-age", oldestAge}, 0, 0, "PASS, 0 errors and 0 warnings"},
+        {{"--max-calibration-age", youngerLimit}, 0, 1, "PASS, 0 errors and 1 warning"}, // warnings only
+        {{"--max-calibration-age", "1"}, 0, 5, "PASS, 0 errors and 1 warning"},
+        {{"--max-calibration-age", "1", "--strict"}, 1, 5, "FAIL, 0 errors and 1 warning (strict: warnings fail)"},
+        {{"--expect", "/storage/another-model.json"},
+         1,
+         0,
+         "against release another-model.json: FAIL, 1 error and 0 warnings"},
     };
-    for (const auto &[options, status, oldFiles] : cases) {
+    for (const auto &[options, status, oldFiles, summary] : cases) {
         const ToolRun run = rfsysinfo(QStringList{"--check"} + options + sampleWithTools);
         EXPECT_EQ(run.status, status) << options.join(' ').toStdString() << "\n" << run.out.toStdString();
         const QString old = run.out.split('\n').filter("calibration.old").value(0);
         EXPECT_EQ(old.count("/bin/"), oldFiles) << options.join(' ').toStdString() << "\n" << run.out.toStdString();
-        EXPECT_TRUE(run.out.endsWith(status ? "(strict: warnings fail)\n" : "\n"));
+        EXPECT_TRUE(run.out.endsWith(summary + "\n")) << run.out.toStdString();
     }
     EXPECT_EQ(rfsysinfo({"--check"}).status, 1) << "the test's own device is empty";
     // The verdict names the instrument and when it was judged.
@@ -295,7 +323,11 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
         {"\"$0\" --check --root \"$1\" --allow-tools >&-", "Bad file descriptor"},
         {"\"$0\" --capture - --root \"$1\" >&-", "Bad file descriptor"},
         {"\"$0\" --capture - --root \"$1\" >/storage/full/capture", "No space left on device"},
-        {"\"$0\" --json --root \"$1\" | true; exit ${PIPESTATUS[0]}", "Broken pipe"},
+        {"\"$0\" --diff \"$1\" \"$1\" >&-", "Bad file descriptor"},
+        {"\"$0\" --capture /storage/out/summary.tgz --root \"$1\" >&-", "Bad file descriptor"},
+        // A pipe whose reader is gone before the tool starts: every write fails.
+        {R"(perl -e 'pipe(my $r, my $w); close $r; open(STDOUT, ">&", $w); exec @ARGV' "$0" --json --root "$1")",
+         "Broken pipe"},
     };
     for (const auto &[command, reason] : standardOutputs) {
         QProcess shell;
@@ -308,6 +340,29 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
             << err.toStdString();
     }
     ::umount("/storage/full");
+
+    // A rename that fails (onto a mount point) is reported, and leaves nothing behind.
+    fs::create_directories("/storage/busy");
+    writeDeviceFile("/storage/busy/report", "old\n");
+    writeDeviceFile("/storage/mounted", "mounted\n");
+    ASSERT_EQ(::mount("/storage/mounted", "/storage/busy/report", nullptr, MS_BIND, nullptr), 0);
+    const ToolRun busy = rfsysinfo(QStringList{"--json", "--output", "/storage/busy/report"} + sampleWithTools);
+    EXPECT_EQ(busy.status, 4);
+    EXPECT_EQ(busy.err,
+              "rfsysinfo: cannot write --output /storage/busy/report: the temporary file cannot take its place: "
+              "Device or resource busy\n");
+    EXPECT_EQ(std::distance(fs::directory_iterator("/storage/busy"), {}), 1) << "a temporary file was left";
+    ::umount("/storage/busy/report");
+    // The target is looked at again just before the rename: a link put there while the report is made
+    // (here by the machine's own identity tool) is refused.
+    writeDeviceFile("/bin/getSicutil", "#!/bin/sh\nln -sf /storage/out/kept /storage/busy/late\necho KV721\n", 0755);
+    const ToolRun late = rfsysinfo({"--json", "--output", "/storage/busy/late"});
+    EXPECT_EQ(late.status, 4);
+    EXPECT_EQ(late.err,
+              "rfsysinfo: cannot write --output /storage/busy/late: it is a symbolic link, not a regular file; left as "
+              "it is\n");
+    EXPECT_EQ(fs::read_symlink("/storage/busy/late"), "/storage/out/kept");
+    EXPECT_EQ(std::distance(fs::directory_iterator("/storage/busy"), {}), 2) << "a temporary file was left";
 }
 
 // A file replaced keeps its mode; a capture that holds serial numbers is its owner's alone.

@@ -75,6 +75,21 @@ QByteArray withSerialValuesReplaced(const QByteArray &inventory, const QStringLi
     return lines.join('\n');
 }
 
+// A dated calibration file with its first line replaced where that line is one of `serials` as a whole:
+// the report shows the first line, so a replay must not show the serial there.
+QByteArray withSerialFirstLineReplaced(const QByteArray &file, const QStringList &serials,
+                                       const QByteArray &placeholder)
+{
+    const int end = file.indexOf('\n');
+    QByteArray line = end < 0 ? file : file.left(end);
+    const bool carriageReturn = line.endsWith('\r');
+    if (carriageReturn)
+        line.chop(1);
+    if (!serials.contains(QString::fromUtf8(line)))
+        return file;
+    return placeholder + (carriageReturn ? "\r" : "") + (end < 0 ? QByteArray() : file.mid(end));
+}
+
 // `text` as a JSON string, quotes included.
 QByteArray jsonText(const QString &text)
 {
@@ -107,9 +122,15 @@ DeviceState readDeviceState(rfSystemInfo &info, bool askTools)
 
 void replaceSerials(DeviceState &state, const QStringList &serials, const QString &placeholder)
 {
+    using namespace rfsi::paths;
+    static const QLatin1String datedFiles[] = {QLatin1String(basicFreqCal), QLatin1String(baseHighFreqCal),
+                                               QLatin1String(baseLowFreqCal), QLatin1String(dncFreqCal),
+                                               QLatin1String(thirdOffset)};
     for (DeviceNode &file : state.files) {
         if (file.path == QLatin1String(rfsi::paths::inventoryInfo))
             file.content = withSerialValuesReplaced(file.content, serials, placeholder.toUtf8());
+        if (std::find(std::begin(datedFiles), std::end(datedFiles), file.path) != std::end(datedFiles))
+            file.content = withSerialFirstLineReplaced(file.content, serials, placeholder.toUtf8());
         // The board description records the board's serial too, as a JSON text of its own.
         if (file.path == QLatin1String(rfsi::paths::boardDescription))
             for (const QString &serial : serials)
