@@ -84,6 +84,11 @@ done
 grep -c '^mount ' "$work/tries" | grep -qx 5 || { echo "FAIL: the tree's mounts were not all listed"; status=1; }
 grep '^mount ' "$work/tries" | grep -Ev ',nosuid,nodev|,nodev,nosuid|nosuid,nodev' &&
     { echo "FAIL: a mount of the tree lets device nodes or set-user-ID programs work"; status=1; }
+# The tree itself, and its folders shown at their own paths, are read-only mounts.
+grep -E '^mount (/.deviceroot/tree|/opt) ' "$work/tries" | grep -v ' ro,' &&
+    { echo "FAIL: a folder of the tree is shown writable"; status=1; }
+# A program that rfsi-device-root runs cannot gain privileges (set-user-ID, file capabilities).
+grep -qx 'no new privileges: 1' "$work/tries" || { echo "FAIL: a program in the root may gain privileges"; status=1; }
 "$rfsysinfo" --root "$work/tree" --capture "$work/tree-capture.tgz" > /dev/null 2>&1 &&
     tar -xOzf "$work/tree-capture.tgz" | grep -q untouched &&
     { echo "FAIL: a capture of the tree holds the host's file"; status=1; }

@@ -160,7 +160,8 @@ TEST_F(RobustnessTest, ReadOnlyDeviceAnswersAlikeAndNothingIsEverWritten)
         EXPECT_EQ(deviceSnapshot(), before) << "a query changed the device";
 
         deviceroot::makeReadOnly();
-        EXPECT_FALSE(std::ofstream("/tmp/probe").good()) << "the device is not read-only";
+        for (const char *path : {"/tmp/probe", "/storage/probe", "/bin/probe", "/usr/bin/probe", "/Dsp/probe"})
+            EXPECT_FALSE(std::ofstream(path).good()) << path << ": the device is not read-only";
         rfSystemInfo::updatedSystemInfo = false;
         EXPECT_EQ(askEveryQuery(info), writable);
     });
