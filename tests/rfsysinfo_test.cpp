@@ -154,13 +154,14 @@ TEST_F(RfsysinfoTest, ACaptureKeepsWhatItsCapsAllowAndReadsItAllBack)
         EXPECT_EQ(replay.out.contains("truncated by the capture: /bin/thirdAmpOffset.dat"), cut) << size;
         EXPECT_TRUE(replay.out.contains("OK(2025-01-01 cal)")) << replay.out.toStdString();
     }
-    for (const char *path : {"/bin/basic_freq_cal.csv", "/bin/dnc_freq_cal.csv", "/bin/freq_cal_high.csv"})
+    for (const char *path :
+         {"/bin/basic_freq_cal.csv", "/bin/dnc_freq_cal.csv", "/bin/freq_cal_high.csv", "/bin/freq_cal_low.csv"})
         writeDeviceFile(path, content);
     captureOf({});
     qint64 total = 0;
     for (const QJsonValue &recorded : manifestOfCapture()["paths"].toObject())
         total += static_cast<qint64>(recorded["size"].toDouble());
-    EXPECT_EQ(total, qint64{64} << 20) << "four files of 16 MiB and one byte, cut to 64 MiB in all";
+    EXPECT_EQ(total, qint64{64} << 20) << "five files of 16 MiB and one byte, cut to 64 MiB in all";
 
     const QStringList identity = {"--json", "--section", "identity"};
     for (const auto &[width, captured] : {std::pair{"1100000", true}, {"17000000", false}}) {
@@ -323,7 +324,7 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
         {"\"$0\" --check --root \"$1\" --allow-tools >&-", "Bad file descriptor"},
         {"\"$0\" --capture - --root \"$1\" >&-", "Bad file descriptor"},
         {"\"$0\" --capture - --root \"$1\" >/storage/full/capture", "No space left on device"},
-        {"\"$0\" --diff \"$1\" \"$1\" >&-", "Bad file descriptor"},
+        {"\"$0\" --diff \"$1\" \"$1\" >/storage/full/diff", "No space left on device"},
         {"\"$0\" --capture /storage/out/summary.tgz --root \"$1\" >&-", "Bad file descriptor"},
         // A pipe whose reader is gone before the tool starts: every write fails.
         {R"(perl -e 'pipe(my $r, my $w); close $r; open(STDOUT, ">&", $w); exec @ARGV' "$0" --json --root "$1")",
