@@ -21,6 +21,7 @@ import sys
 import tempfile
 
 from hypothesis import HealthCheck, given, note, seed, settings, strategies as st
+from hypothesis.configuration import set_hypothesis_home_dir
 
 parser = argparse.ArgumentParser()
 parser.add_argument("rfsysinfo")
@@ -88,7 +89,7 @@ def node(path):
     return st.one_of(
         st.builds(lambda data, mtime, mode: ("file", data, mtime, mode), FILE_CONTENT[path],
                   st.one_of(st.none(), st.integers(-2**31, 2**33)), st.sampled_from([0o644, 0o644, 0o000])),
-        st.sampled_from([("folder",), ("fifo",), ("dangling link",), ("locked",)]),
+        st.sampled_from([("folder",), ("fifo",), ("link", "/nowhere/at/all"), ("link", "/locked/file")]),
         st.tuples(st.sampled_from(["link", "relative link"]), st.sampled_from(FILES + ["/", "/bin"])))
 
 
@@ -109,41 +110,37 @@ def device_trees(draw):
 # --- making a tree, and running the tool on it ---
 
 def make_tree(tree, root):
-    os.makedirs(os.path.join(root, "locked"), mode=0o700)
-    for path, spec in tree.items():
-        target = root + path
-        os.makedirs(os.path.dirname(target), exist_ok=True)
-        kind = spec[0]
-        if kind == "file":
-            with open(target, "wb") as out:
-                out.write(spec[1])
-            if spec[2] is not None:
-                try:
-                    os.utime(target, (spec[2], spec[2]))
-                except OSError:
-                    pass  # a time this file system cannot hold
-            os.chmod(target, spec[3])
-        elif kind == "tool":
-            with open(target + ".output", "wb") as out:
-                out.write(spec[1])
-            with open(target, "w") as out:
-                out.write("#!/bin/sh\nsleep %s\ncat '%s.output'\nexit %d\n" % (spec[3], path, spec[2]))
-            os.chmod(target, 0o755)
-        elif kind == "folder":
-            os.makedirs(target)
-        elif kind == "fifo":
-            os.mkfifo(target)
-        elif kind == "dangling link":
-            os.symlink("/nowhere/at/all", target)
-        elif kind == "locked":
-            os.symlink("/locked/file", target)
-        elif kind == "relative link":
-            os.symlink(os.path.relpath(root + spec[1], os.path.dirname(target)), target)
-        else:
-            os.symlink(spec[1], target)
+    """The tree at `root`, with a folder "/locked" that nobody may search."""
+    os.makedirs(os.path.join(root, "locked"))
     with open(os.path.join(root, "locked", "file"), "w") as out:
         out.write("behind a folder nobody may search\n")
+    for path, (kind, *spec) in tree.items():
+        target = root + path
+        os.makedirs(os.path.dirname(target), exist_ok=True)
+        if kind in ("file", "tool"):
+            with open(target + (".output" if kind == "tool" else ""), "wb") as out:
+                out.write(spec[0])
+        if kind == "file":
+            try:
+                os.utime(target, None if spec[1] is None else (spec[1], spec[1]))
+            except OSError:
+                pass  # a time this file system cannot hold
+            os.chmod(target, spec[2])
+        elif kind == "tool":
+            with open(target, "w") as out:
+                out.write("#!/bin/sh\nsleep %s\ncat '%s.output'\nexit %d\n" % (spec[2], path, spec[1]))
+            os.chmod(target, 0o755)
+        elif kind in ("folder", "fifo"):
+            (os.makedirs if kind == "folder" else os.mkfifo)(target)
+        else:
+            os.symlink(os.path.relpath(root + spec[0], os.path.dirname(target)) if kind == "relative link" else spec[0], target)
     os.chmod(os.path.join(root, "locked"), 0)
+
+
+def clear(folder):
+    if os.path.isdir(os.path.join(folder, "tree", "locked")):
+        os.chmod(os.path.join(folder, "tree", "locked"), 0o700)
+    shutil.rmtree(folder, ignore_errors=True)
 
 
 def strict_json(text, what):
@@ -186,6 +183,7 @@ def same(expected, got, what):
 
 
 work = tempfile.mkdtemp(prefix="rfsi-round-trip-")
+set_hypothesis_home_dir(work + "-hypothesis")  # its caches, never in the source tree
 
 
 @settings(max_examples=options.examples, deadline=None, database=None, print_blob=True,
@@ -193,7 +191,7 @@ work = tempfile.mkdtemp(prefix="rfsi-round-trip-")
 @seed(options.seed)
 @given(device_trees())
 def test_any_tree_reads_the_same_after_capture_and_replay(tree):
-    shutil.rmtree(work, ignore_errors=True)
+    clear(work)
     os.makedirs(work)
     root = os.path.join(work, "tree")
     make_tree(tree, root)
@@ -215,6 +213,6 @@ if __name__ == "__main__":
     try:
         test_any_tree_reads_the_same_after_capture_and_replay()
     finally:
-        os.chmod(os.path.join(work, "tree", "locked"), 0o700) if os.path.isdir(os.path.join(work, "tree", "locked")) else None
-        shutil.rmtree(work, ignore_errors=True)
+        clear(work)
+        shutil.rmtree(work + "-hypothesis", ignore_errors=True)
     print("round trip: %d trees, no difference" % options.examples)
