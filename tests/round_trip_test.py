@@ -1,12 +1,9 @@
 #!/usr/bin/env python3
-"""Any device tree reads the same after capture and replay.
-
-Hypothesis makes device trees as a unit in the field could hold them, good and odd, and runs each
-through the report tool: report, capture, replay, a capture of the replay, the check and the diff.
-The replays must report what the tree reports (header keys aside), the diff must find nothing, every
-exit status and standard error line must be one the manual documents, every JSON document must be
-I-JSON (RFC 7493: UTF-8, no lone surrogate, no key twice), and nothing may crash or hang. A failure is
-shrunk to its smallest tree and printed with the seed that finds it again.
+"""Any device tree reads the same after capture and replay: trees made by Hypothesis, good and odd, each
+through the report, a capture, its replay, a capture of the replay, the check and the diff. The replays
+report what the tree reports (header keys aside), the diff finds nothing, every exit status and line on
+standard error is one the manual gives, every JSON document is I-JSON (RFC 7493), nothing crashes or
+hangs. A failure is shrunk to its smallest tree, printed with the seed that finds it again.
 
     round_trip_test.py RFSYSINFO SOURCE_DIR [--examples N] [--seed N]
 """
