@@ -43,7 +43,7 @@ TIME_LIMIT = 60  # seconds for one run: a hang is a failure, never a wait
 
 # --- strategies: the nodes a fixed path may hold ---
 
-def text_bytes(alphabet=st.characters()):
+def text_bytes(alphabet=st.characters(blacklist_categories=("Cs",))):
     """Short texts as bytes: UTF-8, Latin-1 and raw bytes alike."""
     return st.one_of(st.text(alphabet, max_size=12).map(str.encode), st.binary(max_size=12),
                      st.text(st.characters(max_codepoint=255), max_size=12).map(lambda t: t.encode("latin-1")))
