@@ -307,10 +307,7 @@ std::optional<std::string> resolveInTree(int treeFd, const std::string &treePath
     return resolved.substr(prefix.size());
 }
 
-// Calls `visit` with the path below the tree of every link in it, however deep. A folder that cannot
-// be read to its end fails: a link left out would lead to the host. But a folder this process may
-// neither read nor search is passed over: the reader, who has no more rights, cannot enter it either.
-// Other file systems mounted inside the tree are not part of it (the overlay does not show them either).
+// Whether this process may search the tree's `folder` (may reach what is in it by name).
 bool searchable(int treeFd, const std::string &folder)
 {
     const int fd = openat2(treeFd, folder + "/.", O_PATH | O_DIRECTORY, RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS);
@@ -319,6 +316,10 @@ bool searchable(int treeFd, const std::string &folder)
     return fd >= 0 || errno != EACCES;
 }
 
+// Calls `visit` with the path below the tree of every link in it, however deep. A folder that cannot
+// be read to its end fails: a link left out would lead to the host. But a folder this process may
+// neither read nor search is passed over: the reader, who has no more rights, cannot enter it either.
+// Other file systems mounted inside the tree are not part of it (the overlay does not show them either).
 template <typename Visit>
 void forEachTreeLink(int treeFd, Visit visit)
 {
