@@ -268,7 +268,18 @@ int openat2(int folderFd, const std::string &path, uint64_t flags, uint64_t reso
     how.resolve = resolve;
     const size_t start = std::min(path.find_first_not_of('/'), path.size());
     const char *name = start == path.size() ? "." : path.c_str() + start;
-    const int fd = static_cast<int>(::syscall(SYS_openat2, folderFd, name, &how, sizeof how));
+    // A ".." resolved inside the tree fails with EAGAIN when any rename or mount on the system raced
+    // with it (other device roots being made, say): that is no answer about the tree, so it is asked
+    // again, and a tree whose links cannot be resolved at all is not shown.
+    int fd = -1;
+    for (int attempt = 0; attempt < 10000; ++attempt) {
+        fd = static_cast<int>(::syscall(SYS_openat2, folderFd, name, &how, sizeof how));
+        if (fd >= 0 || errno != EAGAIN)
+            break;
+        ::sched_yield();
+    }
+    if (fd < 0 && errno == EAGAIN)
+        throw SetupError("the device tree's links cannot be resolved: the system's mounts keep changing");
     if (fd < 0 && errno == ENOSYS)
         throw SetupError("this kernel cannot resolve a device tree's links inside the tree (openat2, Linux 5.6): "
                          "they would lead to the host's files, so the tree is not shown");

@@ -96,6 +96,15 @@ grep -qx 'no new privileges: 1' "$work/tries" || { echo "FAIL: a program in the 
 # As an ordinary user, the attack is all.
 [ "$only" = --attack-only ] && exit $status
 
+# A ".." resolved while files are renamed elsewhere on the system (as device roots being made do): the
+# kernel asks for the walk again (EAGAIN), and every link still leads where it leads.
+mkdir -p "$work/updir/links" "$work/renamed" && touch "$work/renamed/a"
+for i in $(seq 300); do ln -s .. "$work/updir/links/l$i"; done
+(cd "$work/renamed" && exec perl -e 'while (1) { rename "a", "b"; rename "b", "a" }') & renaming=$!
+lost=$("$device_root" --tree "$work/updir" -- sh -c 'for l in /links/*; do [ -d "$l" ] || echo "$l"; done' | wc -l)
+kill $renaming
+[ "$lost" = 0 ] || { echo "FAIL: $lost links with .. led nowhere while files were renamed"; status=1; }
+
 # While a tree's program runs, no process of rfsysinfo holds anything of the output's folder open.
 mkdir -p "$work/slow/bin" "$work/out"
 printf '#!/bin/sh\nsleep 2\n' > "$work/slow/bin/getSicutil" && chmod +x "$work/slow/bin/getSicutil"
