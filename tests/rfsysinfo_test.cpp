@@ -346,7 +346,7 @@ TEST_F(RfsysinfoTest, OutputsThatCannotBeWrittenExitWithStatusFourAndLeaveTheTar
     fs::create_directories("/storage/busy");
     writeDeviceFile("/storage/busy/report", "old\n");
     writeDeviceFile("/storage/mounted", "mounted\n");
-    ASSERT_EQ(::mount("/storage/mounted", "/storage/busy/report", nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(::mount("/storage/mounted", "/storage/busy/report", "none", MS_BIND, nullptr), 0);
     const ToolRun busy = rfsysinfo(QStringList{"--json", "--output", "/storage/busy/report"} + sampleWithTools);
     EXPECT_EQ(busy.status, 4);
     EXPECT_EQ(busy.err,
