@@ -111,26 +111,26 @@ def make_tree(tree, root):
     os.makedirs(os.path.join(root, "locked"))
     with open(os.path.join(root, "locked", "file"), "w") as out:
         out.write("behind a folder nobody may search\n")
-    for path, (kind, *spec) in tree.items():
+    for path, (kind, *details) in tree.items():
         target = root + path
         os.makedirs(os.path.dirname(target), exist_ok=True)
         if kind in ("file", "tool"):
             with open(target + (".output" if kind == "tool" else ""), "wb") as out:
-                out.write(spec[0])
+                out.write(details[0])
         if kind == "file":
             try:
-                os.utime(target, None if spec[1] is None else (spec[1], spec[1]))
+                os.utime(target, None if details[1] is None else (details[1], details[1]))
             except OSError:
                 pass  # a time this file system cannot hold
-            os.chmod(target, spec[2])
+            os.chmod(target, details[2])
         elif kind == "tool":
             with open(target, "w") as out:
-                out.write("#!/bin/sh\nsleep %s\ncat '%s.output'\nexit %d\n" % (spec[2], path, spec[1]))
+                out.write("#!/bin/sh\nsleep %s\ncat '%s.output'\nexit %d\n" % (details[2], path, details[1]))
             os.chmod(target, 0o755)
         elif kind in ("folder", "fifo"):
             (os.makedirs if kind == "folder" else os.mkfifo)(target)
         else:
-            os.symlink(os.path.relpath(root + spec[0], os.path.dirname(target)) if kind == "relative link" else spec[0], target)
+            os.symlink(os.path.relpath(root + details[0], os.path.dirname(target)) if kind == "relative link" else details[0], target)
     os.chmod(os.path.join(root, "locked"), 0)
 
 
@@ -192,7 +192,7 @@ def test_any_tree_reads_the_same_after_capture_and_replay(tree):
     os.makedirs(work)
     root = os.path.join(work, "tree")
     make_tree(tree, root)
-    tools = ["--allow-tools"] if any(spec[0] == "tool" for spec in tree.values()) else []
+    tools = ["--allow-tools"] if any(entry[0] == "tool" for entry in tree.values()) else []
     first, second = os.path.join(work, "first.tgz"), os.path.join(work, "second.tgz")
     on_tree = report(root, tools)
     run(["--capture", first, "--root", root] + tools, {0}, "capture of the tree")
