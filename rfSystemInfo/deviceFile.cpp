@@ -210,21 +210,19 @@ QByteArray textForQSettings(const QByteArray &bytes)
 #endif
 }
 
-using Settings = QHash<QString, QVariant>;
-
-// The settings of a file that holds `text`, made in memory; none where it cannot be made.
-Settings settingsOfText(const QByteArray &text, const QString &path)
+// The settings of a file that holds `text`, as texts, made in memory; none where it cannot be made.
+QHash<QString, QString> settingsOfText(const QByteArray &text, const QString &path)
 {
     const int copy = ::memfd_create("rfsi-ini", MFD_CLOEXEC);
     struct stat info;
-    Settings values;
+    QHash<QString, QString> values;
     if (copy >= 0 && ::write(copy, text.constData(), static_cast<size_t>(text.size())) == text.size() &&
         ::fstat(copy, &info) == 0) {
         const QSettings settings(nameForQSettings(copy, stampOf(info), path), QSettings::IniFormat);
         // No fixed key is empty, and QSettings warns about every empty one it is asked for.
         for (const QString &key : settings.allKeys())
             if (!key.isEmpty())
-                values.insert(key, settings.value(key));
+                values.insert(key, settings.value(key).toString());
     }
     if (copy >= 0)
         ::close(copy);
@@ -512,11 +510,9 @@ QByteArray withUnboundedValuesInvalid(QByteArray text)
 // The settings of the open regular file `fd` at `path`, as Qt 5 reads them, from what was read of it
 // (at most maxFileBytes), but a stored value QSettings could not read without allocating more than it
 // holds, which reads as invalid.
-void readSettings(int fd, const QString &path, QHash<QString, QString> &values)
+QHash<QString, QString> readSettings(int fd, const QString &path)
 {
-    const Settings settings = settingsOfText(withUnboundedValuesInvalid(textForQSettings(readBytes(fd, false))), path);
-    for (auto value = settings.cbegin(); value != settings.cend(); ++value)
-        values.insert(value.key(), value.value().toString());
+    return settingsOfText(withUnboundedValuesInvalid(textForQSettings(readBytes(fd, false))), path);
 }
 
 struct ParsedIni
@@ -531,8 +527,7 @@ const QHash<QString, QString> &parsedValues(int fd, const FileStamp &stamp, cons
     static QHash<QString, ParsedIni> parsed;
     ParsedIni &last = parsed[path];
     if (!sameFile(last.stamp, stamp)) {
-        last = {stamp, {}};
-        readSettings(fd, path, last.values);
+        last = {stamp, readSettings(fd, path)};
     }
     return last.values;
 }

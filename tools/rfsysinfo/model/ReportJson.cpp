@@ -181,12 +181,11 @@ QJsonValue interchangeable(const QJsonValue &value)
 {
     if (value.isString()) {
         QString text = value.toString();
-        for (auto i = text.size() - text.size(); i < text.size(); ++i) {
-            const QChar at = text.at(i);
-            if (at.isHighSurrogate() && i + 1 < text.size() && text.at(i + 1).isLowSurrogate())
-                ++i;
-            else if (at.isSurrogate())
-                text[i] = QChar::ReplacementCharacter;
+        for (QChar *at = text.data(), *end = at + text.size(); at != end; ++at) {
+            if (at->isHighSurrogate() && at + 1 != end && at[1].isLowSurrogate())
+                ++at;
+            else if (at->isSurrogate())
+                *at = QChar::ReplacementCharacter;
         }
         return text;
     }

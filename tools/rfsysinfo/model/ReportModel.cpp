@@ -335,6 +335,16 @@ CalibrationEntry calibrationEntry(const QString &key, const QString &answer)
     return {key, key, answer, {}};
 }
 
+QStringList datedCalibrationFiles()
+{
+    QStringList paths;
+    for (const CalibrationQuery &query : calibrationQueries)
+        if (query.dated)
+            for (const char *path : query.paths)
+                paths << QLatin1String(path);
+    return paths;
+}
+
 void applyRecordedSoftware(Report &report, const InstrumentSoftware &software)
 {
     if (!report.has("identity"))

@@ -154,6 +154,8 @@ Temperatures temperaturesIn(const QString &report);
 
 // A calibration answer (under its JSON key) with what it says of each file.
 CalibrationEntry calibrationEntry(const QString &key, const QString &answer);
+// The calibration files whose first line the report shows.
+QStringList datedCalibrationFiles();
 
 // A text read as a number (C locale, white space around allowed); nothing when it is none.
 std::optional<double> numberIn(const QString &text);

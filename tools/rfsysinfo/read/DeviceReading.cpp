@@ -122,14 +122,11 @@ DeviceState readDeviceState(rfSystemInfo &info, bool askTools)
 
 void replaceSerials(DeviceState &state, const QStringList &serials, const QString &placeholder)
 {
-    using namespace rfsi::paths;
-    static const QLatin1String datedFiles[] = {QLatin1String(basicFreqCal), QLatin1String(baseHighFreqCal),
-                                               QLatin1String(baseLowFreqCal), QLatin1String(dncFreqCal),
-                                               QLatin1String(thirdOffset)};
+    static const QStringList datedFiles = datedCalibrationFiles();
     for (DeviceNode &file : state.files) {
         if (file.path == QLatin1String(rfsi::paths::inventoryInfo))
             file.content = withSerialValuesReplaced(file.content, serials, placeholder.toUtf8());
-        if (std::find(std::begin(datedFiles), std::end(datedFiles), file.path) != std::end(datedFiles))
+        if (datedFiles.contains(file.path))
             file.content = withSerialFirstLineReplaced(file.content, serials, placeholder.toUtf8());
         // The board description records the board's serial too, as a JSON text of its own.
         if (file.path == QLatin1String(rfsi::paths::boardDescription))
