@@ -25,6 +25,7 @@ fi
 # under rfsi-device-root and as the tree's identity tool under rfsysinfo, which writes its report into a
 # host folder from a terminal. Every try must fail and the host's file stay as it was. The tree's links
 # lead to it every way a link can; as root, the tree holds device nodes of a major no driver has.
+chmod -R u+rwx "$work" 2>/dev/null || true # a locked folder of the last run
 rm -rf "$work"
 mkdir -p "$work/reports"
 cp -a "$(dirname "$0")/devices/attacker-reaches-for-the-host/tree" "$work/tree"
@@ -39,6 +40,8 @@ ln -s "/proc/self/root$RFSI_HOST_FILE" "$work/tree/storage/proc-link"
 ln -s /chain "$work/tree/storage/RFHW_Revision.info"
 ln -s "../../../../../../../../..$RFSI_HOST_FILE" "$work/tree/opt/shown/relative-link"
 mkdir -p "$work/tree/usr/bin" && echo "the tree's notes" > "$work/tree/opt/shown/notes"
+# A folder nobody may search, with a link to the host file: passed over by an ordinary user's root.
+mkdir "$work/tree/locked" && ln -s "$RFSI_HOST_FILE" "$work/tree/locked/host-link" && chmod 000 "$work/tree/locked"
 for program in bin/cat usr/bin/cat; do
     printf '#!/bin/sh\necho "the tree'"'"'s cat"\n' > "$work/tree/$program" && chmod +x "$work/tree/$program"
 done

@@ -12,9 +12,7 @@ import json
 import os
 import re
 import shutil
-import stat
 import subprocess
-import sys
 import tempfile
 
 from hypothesis import HealthCheck, given, note, seed, settings, strategies as st
@@ -30,7 +28,6 @@ options = parser.parse_args()
 # The fixed paths, from the one list the library and the capture take them from.
 header = open(os.path.join(options.source_dir, "rfSystemInfo", "devicePaths.h")).read()
 FILES = re.findall(r'ENTRY\(\w+, "([^"]+)"\)', header)
-CALIBRATION = [path for path in FILES if path.endswith((".csv", ".dat"))]
 SENSORS = ["/sys/class/thermal/thermal_zone%d/temp" % n for n in (3, 0, 7, 1)]
 TOOLS = ["/bin/getSicutil", "/usr/bin/sicutil"]
 INVENTORY_KEYS = ["DPB_HardwareSetName", "DPB_Revision", "DPB_SerialNumber", "DPB_ManufactureDate",
@@ -164,14 +161,11 @@ def run(arguments, statuses, what):
     return done.stdout.decode("utf-8")
 
 
-def report(source, extra=()):
-    document = strict_json(run(["--json", "--root", source] + list(extra), {0}, "report of " + source), "the report")
-    return {key: value for key, value in document.items() if key not in HEADER_KEYS}
-
-
-def check(source, extra=()):
-    document = strict_json(run(["--check", "--json", "--root", source] + list(extra), {0, 1}, "check of " + source), "the check")
-    return document["check"]
+def report(source, tools=(), check=False):
+    """The report of `source` without its header keys, or with `check` the check's verdict."""
+    arguments = ["--check"] * check + ["--json", "--root", source] + list(tools)
+    document = strict_json(run(arguments, {0, 1} if check else {0}, " ".join(arguments)), "the document")
+    return document["check"] if check else {key: value for key, value in document.items() if key not in HEADER_KEYS}
 
 
 def same(expected, got, what):
@@ -199,7 +193,7 @@ def test_any_tree_reads_the_same_after_capture_and_replay(tree):
     run(["--capture", second, "--root", first], {0}, "capture of the replay")
     same(on_tree, report(first), "the replay reports otherwise than the tree")
     same(on_tree, report(second), "the replay of the replay reports otherwise than the tree")
-    same(check(root, tools), check(first), "the check of the replay differs")
+    same(report(root, tools, check=True), report(first, check=True), "the check of the replay differs")
     diff = strict_json(run(["--diff", root, first, "--json"] + tools, {0}, "diff of tree and replay"), "the diff")
     assert diff["diff"]["differences"] == [], diff["diff"]["differences"]
     run(["--root", first], {0}, "text report of the replay")
