@@ -20,6 +20,17 @@ if(RFSI_BUILD_TOOL)
         DESTINATION ${RFSI_SYSTEMD_UNITDIR} COMPONENT tool)
     # The service's command: the unit names it at this fixed place.
     install(PROGRAMS tools/rfsysinfo/systemd/write-metrics DESTINATION libexec/rfsysinfo COMPONENT tool)
+    # Updates: the boot's judgement that boot-complete.target requires, RAUC's pre-install handler,
+    # SWUpdate's hardware revision, and Mender's state script (linked into /etc/mender/scripts by the
+    # integration) and inventory script (where mender-client looks for them).
+    install(FILES tools/rfsysinfo/systemd/rfsysinfo-boot-check.service DESTINATION ${RFSI_SYSTEMD_UNITDIR}
+        COMPONENT tool)
+    install(PROGRAMS tools/rfsysinfo/update/rauc-pre-install tools/rfsysinfo/update/swupdate-hwrevision
+        DESTINATION libexec/rfsysinfo COMPONENT tool)
+    install(PROGRAMS tools/rfsysinfo/update/ArtifactCommit_Enter_50_rfsysinfo
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/rfsysinfo/mender COMPONENT tool)
+    install(PROGRAMS tools/rfsysinfo/update/mender-inventory-rfsysinfo
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/mender/inventory COMPONENT tool)
     # The manual page and the bash completion (bash-completion's layout).
     install(FILES docs/rfsysinfo.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
     install(FILES tools/rfsysinfo/completion/rfsysinfo DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions

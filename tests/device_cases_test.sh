@@ -114,8 +114,11 @@ for folder in "$cases"/*; do
         $replayed && source=(--root "$work/capture.tgz" ${arguments//--allow-tools/})
         expect "$work/expected.json" 'del(.tool, .version, .deviceTree, .sanitized, .capture)' "${source[@]}"
         [ -f "$folder/expected-check.json" ] && expect "$folder/expected-check.json" .check --check "${source[@]}"
-        named profile 2>/dev/null &&
+        if named profile 2>/dev/null; then
             expect "$folder/expected-release.json" .check --check --expect "${named[@]}" "${source[@]}"
+            [ -f "$folder/expected-hardware.json" ] &&
+                expect "$folder/expected-hardware.json" .check --check --hardware-only --expect "${named[@]}" "${source[@]}"
+        fi
         if named diff-before 2>/dev/null; then
             expect "$folder/expected-diff.json" .diff.differences --diff "${named[@]}" "${source[@]}"
             # The text: a line a difference, "(absent)" for a value on one side only, and the count.
@@ -129,6 +132,9 @@ for folder in "$cases"/*; do
         # The text report, where the case gives it whole: below its header, which names the source.
         [ -f "$folder/expected.txt" ] && ! "$rfsysinfo" "${source[@]}" 2>/dev/null | sed '1,/^$/d' | diff -u "$folder/expected.txt" - >&2 &&
             fail "${source[*]}: the text report differs from expected.txt (above)"
+        [ -f "$folder/expected-name-value.txt" ] &&
+            ! "$rfsysinfo" --name-value "${source[@]}" 2>/dev/null | diff -u "$folder/expected-name-value.txt" - >&2 &&
+            fail "${source[*]}: the name=value lines differ from expected-name-value.txt (above)"
     done
 done
 echo "$count cases, $failures failures"

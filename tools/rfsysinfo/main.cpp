@@ -66,7 +66,9 @@ struct Settings
     QStringList sections;
     bool check = false;
     bool metrics = false;
+    bool nameValue = false;
     bool strict = false;
+    bool hardwareOnly = false;
     int maxCalibrationAgeDays = -1;
     std::optional<double> criticalTemperature;
     std::optional<ReleaseProfile> release; // --expect, read before any device root hides its file
@@ -138,9 +140,14 @@ bool optionsGoTogether(const Settings &s, bool expecting, QString &error)
         {(s.check || s.metrics) && !s.sections.isEmpty(),
          "--check and --metrics take the whole report: they do not go with --section"},
         {s.metrics && (s.check || s.json), "--metrics is a format of its own: it goes with neither --check nor --json"},
+        {s.nameValue && (s.check || s.json || s.metrics || s.diff || !s.capture.isEmpty()),
+         "--name-value is a format of its own: it goes with no other output option"},
         {(s.strict || s.maxCalibrationAgeDays >= 0) && !s.check, "--strict and --max-calibration-age go with --check"},
         {s.criticalTemperature && !s.check && !s.metrics, "--critical-temperature goes with --check or --metrics"},
         {expecting && !s.check && !s.metrics, "--expect goes with --check or --metrics"},
+        {s.hardwareOnly && (!s.check || !expecting), "--hardware-only goes with --check and --expect"},
+        {s.hardwareOnly && (s.strict || s.maxCalibrationAgeDays >= 0 || s.criticalTemperature),
+         "--hardware-only judges the release's hardware alone: it goes with no other judgement option"},
     };
     for (const auto &[broken, message] : rules)
         if (broken) {
@@ -182,10 +189,15 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
          "With --check or --metrics: judge the sensors by C °C where the inventory gives no critical temperature.",
          "C"},
         {"metrics", "Print the report in Prometheus' text exposition format."},
+        {"name-value", "Print the report as name=value lines, a list's values under one name (the inventory format "
+                       "of update clients such as Mender)."},
         {"expect",
          "With --check or --metrics: the release PROFILE the unit must carry, a JSON file in the report's shape "
          "reduced to what must hold.",
          "PROFILE"},
+        {"hardware-only",
+         "With --check --expect: judge only what an update cannot change, the profile's inventory revisions and "
+         "RF module revisions (before an update installs)."},
         {"diff", "Compare two reports key by key: BEFORE [AFTER], each a capture, a device tree or a JSON report; "
                  "AFTER is --root or this instrument when left out."},
         {"output", "Write the report to FILE, atomically, instead of standard output; - is standard output.", "FILE"},
@@ -226,7 +238,9 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
     settings.sections = parser.values("section");
     settings.check = parser.isSet("check");
     settings.metrics = parser.isSet("metrics");
+    settings.nameValue = parser.isSet("name-value");
     settings.strict = parser.isSet("strict");
+    settings.hardwareOnly = parser.isSet("hardware-only");
     if (!age.isEmpty()) {
         const std::optional<double> days =
             numberOption("--max-calibration-age", age, 0, longestCalibrationAge, true, error);
@@ -440,6 +454,7 @@ Made report(const Settings &settings, ReportSource source, const DeviceState *re
     checkOptions.strict = settings.strict;
     checkOptions.criticalTemperature = settings.criticalTemperature;
     checkOptions.release = settings.release;
+    checkOptions.hardwareOnly = settings.hardwareOnly;
     QVector<Finding> findings =
         settings.check || settings.metrics ? checkReport(report, checkOptions) : QVector<Finding>();
     if (settings.sanitize)
@@ -453,6 +468,8 @@ Made report(const Settings &settings, ReportSource source, const DeviceState *re
         text = metricsReport(report, findings, checkOptions);
     else if (settings.check)
         text = settings.json ? checkJson(report, findings, checkOptions) : checkText(report, findings, checkOptions);
+    else if (settings.nameValue)
+        text = nameValueReport(report);
     else
         text = settings.json ? jsonReport(report) : textReport(report);
     return {settings.check && !checkPasses(findings, settings.strict) ? exitFailure : exitReport, text, {}};

@@ -30,6 +30,21 @@ std::optional<ReleaseProfile> readReleaseProfile(const QString &path, QString &r
     return profile;
 }
 
+ReleaseProfile hardwareOf(const ReleaseProfile &profile)
+{
+    ReleaseProfile hardware{profile.name, {}};
+    QJsonObject revisions;
+    const QJsonObject inventory = profile.expected.value("inventory").toObject();
+    for (auto key = inventory.begin(); key != inventory.end(); ++key)
+        if (key.key().endsWith(QLatin1String("_Revision")))
+            revisions.insert(key.key(), key.value());
+    if (!revisions.isEmpty())
+        hardware.expected.insert("inventory", revisions);
+    if (profile.expected.contains("rf"))
+        hardware.expected.insert("rf", profile.expected.value("rf"));
+    return hardware;
+}
+
 QVector<ReleaseMismatch> releaseMismatches(const ReleaseProfile &profile, const QJsonObject &sections)
 {
     QVector<ReleaseMismatch> mismatches;

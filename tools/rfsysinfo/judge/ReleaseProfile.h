@@ -27,6 +27,10 @@ struct ReleaseMismatch
     QJsonValue actual;    // undefined: absent
 };
 
+// What of `profile` an update cannot change: the inventory's revisions and the RF module revisions.
+// Judged before an update installs, so that a release built for other hardware is refused at once.
+ReleaseProfile hardwareOf(const ReleaseProfile &profile);
+
 // Where the report's sections (as the JSON report holds them) differ from the profile.
 QVector<ReleaseMismatch> releaseMismatches(const ReleaseProfile &profile, const QJsonObject &sections);
 

@@ -133,7 +133,8 @@ void checkRelease(const Report &report, const CheckOptions &options, Findings &f
 {
     if (!options.release)
         return;
-    for (const ReleaseMismatch &mismatch : releaseMismatches(*options.release, reportSections(report)))
+    const ReleaseProfile judged = options.hardwareOnly ? hardwareOf(*options.release) : *options.release;
+    for (const ReleaseMismatch &mismatch : releaseMismatches(judged, reportSections(report)))
         findings.add("release.mismatch", true, true,
                      QJsonObject{{"section", mismatch.section},
                                  {"key", mismatch.key},
@@ -155,6 +156,10 @@ std::optional<TemperatureLimit> temperatureLimit(const Report &report, const Che
 QVector<Finding> checkReport(const Report &report, const CheckOptions &options)
 {
     Findings findings;
+    if (options.hardwareOnly) {
+        checkRelease(report, options, findings);
+        return findings.list;
+    }
     checkCapture(report, findings);
     checkIdentity(report.identity, findings);
     checkInventory(report.inventory, findings);

@@ -23,6 +23,7 @@ struct CheckOptions
     bool strict = false;                       // warnings fail too
     std::optional<double> criticalTemperature; // the limit where the inventory gives none
     std::optional<ReleaseProfile> release;     // what the unit must carry
+    bool hardwareOnly = false;                 // judge only the release's hardware, nothing else
 };
 
 // The critical temperature the check judges by: the inventory's, else the one given.

@@ -5,6 +5,7 @@
 #include "write/TerminalText.h"
 
 #include <QJsonDocument>
+#include <QRegularExpression>
 
 #include <algorithm>
 
@@ -227,4 +228,26 @@ QByteArray jsonReport(const Report &report)
     for (auto section = sections.begin(); section != sections.end(); ++section)
         document.insert(section.key(), section.value());
     return jsonDocumentBytes(document);
+}
+
+QByteArray nameValueReport(const Report &report)
+{
+    static const QRegularExpression imageIndex(QStringLiteral("^images\\[[0-9]+\\]\\."));
+    const QJsonObject sections = reportSections(report);
+    QString text;
+    for (const QString &section : reportSectionNames()) {
+        if (!sections.contains(section))
+            continue;
+        const QMap<QString, QJsonValue> values = sectionValues(sections.value(section));
+        QStringList keys = values.keys();
+        std::sort(keys.begin(), keys.end(), inReportOrder);
+        for (const QString &key : keys) {
+            QString name = key;
+            name.replace(imageIndex, QStringLiteral("image_")).replace(QLatin1Char('.'), QLatin1Char('_'));
+            if (name != QLatin1String("image_index"))
+                text +=
+                    QStringLiteral("rfsi_%1_%2=%3\n").arg(section, name, terminalText(shownValue(values.value(key))));
+        }
+    }
+    return text.toUtf8();
 }

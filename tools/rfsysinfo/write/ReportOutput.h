@@ -14,4 +14,9 @@ QString sourceDescription(const ReportSource &source);
 QByteArray textReport(const Report &report);
 QByteArray jsonReport(const Report &report);
 
+// One name=value line a value, as update clients' inventories take them: rfsi_SECTION_KEY, the parts of
+// a key joined by '_'; the names and versions of a section's images each one name, repeated in index
+// order. A value is shown as the text report's lines are, so that it stays on its line.
+QByteArray nameValueReport(const Report &report);
+
 #endif // RFSYSINFO_REPORTOUTPUT_H
