@@ -4,7 +4,12 @@
 #   - node_exporter on the instrument serves the sample device's metrics, scraped from here;
 #   - over ssh: rfsysinfo --check passes on the instrument's own paths, none of our units failed,
 #     systemd-analyze verify finds nothing to say of them (an unknown key is only a warning to
-#     systemd), the service's journal holds no error, systemd rates its exposure 3.0 or less;
+#     systemd), the service's journal holds no error, systemd rates its exposure 3.0 or less and the
+#     boot's judgement's no higher;
+#   - updates with Debian's RAUC, real installs and reboots: a bundle that fits installs, boots, passes
+#     and is marked good; one for another DPB revision is refused before anything is written, RAUC's
+#     error naming the pre-install handler and its log the finding; one whose FPGA images do not load its versions is not marked good (the
+#     bootloader's state shows it bad, the journal the finding) and the slot before boots and passes;
 #   - the README's report tool commands (its third shell block on) work as shown, in order;
 #   - without node_exporter the service does not fail and its journal says why nothing was written;
 #     node_exporter installed again brings the metrics back;
@@ -52,7 +57,8 @@ wait_for_scrape 300 'rfsi_check_ok 1' || fail "no rfsi_check_ok 1 from node_expo
 echo "first metrics $(($(date +%s) - booted)) s after the emulator started"
 # The same package on the sample device's tree, read in a device root: what the instrument's own
 # paths must answer.
-on_instrument rfsysinfo --metrics --root /usr/lib/instrument-standin/device --allow-tools >"$work/expected.prom"
+on_instrument rfsysinfo --metrics --root /usr/lib/instrument-standin/device --allow-tools \
+    --expect /etc/rfsysinfo/release.json >"$work/expected.prom"
 samples "$work/expected.prom" >"$work/expected"
 samples "$work/scraped" >"$work/served"
 diff "$work/expected" "$work/served" || fail "the instrument's metrics are not the sample device's"
@@ -66,12 +72,16 @@ on_instrument systemctl --no-pager status rfsysinfo-metrics.timer rfsysinfo-metr
 failed=$(on_instrument systemctl --failed --plain --no-legend)
 echo "$failed" | grep -E 'rfsysinfo|instrument-standin' && fail "failed units of ours: $failed"
 said=$(on_instrument systemd-analyze verify --man=no /lib/systemd/system/rfsysinfo-metrics.service \
-    /lib/systemd/system/rfsysinfo-metrics.timer 2>&1) && [ -z "$said" ] || fail "systemd-analyze verify: $said"
+    /lib/systemd/system/rfsysinfo-metrics.timer /lib/systemd/system/rfsysinfo-boot-check.service 2>&1) &&
+    [ -z "$said" ] || fail "systemd-analyze verify: $said"
 errors=$(on_instrument journalctl --no-pager -q -p err -u rfsysinfo-metrics.service -u rfsysinfo-metrics.timer)
 [ -z "$errors" ] || fail "errors in the service's journal: $errors"
-on_instrument systemd-analyze security --threshold=30 rfsysinfo-metrics.service >"$work/security" ||
-    fail "the service is exposed more than 3.0: $(tail -1 "$work/security")"
-tail -1 "$work/security"
+exposure() { on_instrument systemd-analyze security "$1" | sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\) .*/\1/p'; }
+metrics_exposure=$(exposure rfsysinfo-metrics.service) boot_check_exposure=$(exposure rfsysinfo-boot-check.service)
+echo "exposure: rfsysinfo-metrics.service $metrics_exposure, rfsysinfo-boot-check.service $boot_check_exposure"
+awk -v m="$metrics_exposure" 'BEGIN { exit !(m != "" && m <= 3.0) }' || fail "the service is exposed more than 3.0: $metrics_exposure"
+awk -v m="$metrics_exposure" -v b="$boot_check_exposure" 'BEGIN { exit !(b != "" && b <= m) }' ||
+    fail "the boot's judgement is exposed more than the metrics service: $boot_check_exposure"
 
 echo "== the README's report tool commands, in order, as shown"
 awk '$0 == "```sh" { n++; on = n >= 3; next } /^```$/ { on = 0 } on' "$source_dir/README.md" | sed 's/ *#.*//' >"$work/commands"
@@ -79,6 +89,91 @@ awk '$0 == "```sh" { n++; on = n >= 3; next } /^```$/ { on = 0 } on' "$source_di
 while read -r command; do
     on_instrument "cd /storage && $command" </dev/null >/dev/null || fail "the README's command on the instrument: $command"
 done <"$work/commands"
+
+echo "== updates with RAUC: the hardware judged before a bundle installs, the booted release before it is kept"
+# backend: what the bootloader's environment holds for the slots, as RAUC's custom backend reads it.
+backend() {
+    on_instrument "for slot in A B; do printf '%s ' \$slot; /usr/lib/instrument-standin/bootloader-backend get-state \$slot
+        done" | tr '\n' ' '
+}
+boot_judged() { on_instrument journalctl --no-pager -q -b -u rfsysinfo-boot-check.service; }
+# expect_boot SLOT PASSED TEXT: the booted slot, whether boot-complete.target was reached, and the
+# journal's judgement.
+expect_boot() {
+    slot_booted=$(on_instrument "sed -n 's/.*rauc\.slot=\([AB]\).*/\1/p' /proc/cmdline")
+    [ "$slot_booted" = "$1" ] || fail "booted slot $slot_booted, not $1"
+    reached=$(on_instrument systemctl is-active boot-complete.target rauc-mark-good.service | tr '\n' ' ') || true
+    case $2 in
+    yes) [ "$reached" = "active active " ] || fail "slot $1: boot-complete.target and mark-good are $reached" ;;
+    no) [ "$reached" = "inactive inactive " ] || fail "slot $1: boot-complete.target and mark-good are $reached" ;;
+    esac
+    boot_judged | grep -F -- "$3" || fail "slot $1: the judgement in the journal is not '$3': $(boot_judged)"
+}
+expect_boot A yes 'against release KV721 release 2026.11: PASS'
+[ "$(backend)" = "A good B bad " ] || fail "the factory's slots: $(backend)"
+# Without a profile the judgement is skipped, and says so.
+on_instrument 'mv /etc/rfsysinfo/release.json /etc/rfsysinfo/away && systemctl restart rfsysinfo-boot-check.service;
+    mv /etc/rfsysinfo/away /etc/rfsysinfo/release.json' || fail "the judgement failed without a profile"
+boot_judged | grep -F 'skipped because of an unmet condition check (ConditionPathExists=/etc/rfsysinfo/release.json)' ||
+    fail "the journal does not say why the judgement was skipped: $(boot_judged)"
+[ "$(on_instrument systemctl show -P TimeoutStartUSec rfsysinfo-boot-check.service)" = 5min ] ||
+    fail "the judgement's time is not bound"
+
+# Bundles of the sample device's release, signed with a key made here that the instrument trusts.
+openssl req -x509 -newkey rsa:2048 -nodes -keyout "$work/key.pem" -out "$work/cert.pem" -days 1 \
+    -subj "/O=rfsysinfo test/CN=release signing" 2>/dev/null
+on_instrument 'cat >/etc/rauc/keyring.pem' <"$work/cert.pem"
+# bundle NAME PROFILE_FILTER FPGA_FILTER: the release with its profile and its FPGA images' bank
+# versions changed by jq filters, as /storage/NAME.raucb on the instrument.
+bundle() {
+    content=$work/$1 slot=$work/$1-slot
+    "$source_dir/image/release-slot" "$source_dir/examples/device" "$source_dir/image/release.json" "$slot"
+    jq "$2" "$slot/release.json" >"$work/changed" && mv "$work/changed" "$slot/release.json"
+    jq "$3" "$slot/fpga.json" >"$work/changed" && mv "$work/changed" "$slot/fpga.json"
+    mkdir -p "$content"
+    cp "$slot/release.json" "$content/"
+    mke2fs -q -t ext4 -L release -d "$slot" "$content/release.ext4" 8M
+    printf '[update]\ncompatible=KV721 instrument\nversion=%s\n\n[image.release]\nfilename=release.ext4\n' "$1" \
+        >"$content/manifest.raucm"
+    rauc bundle --cert="$work/cert.pem" --key="$work/key.pem" "$content" "$work/$1.raucb" >"$work/rauc.log" 2>&1 ||
+        fail "rauc bundle $1: $(cat "$work/rauc.log")"
+    on_instrument "cat >/storage/$1.raucb" <"$work/$1.raucb"
+}
+bundle 2026.12 '.profile = "KV721 release 2026.12" | .fpga.banks.FPGA_BANK_13_VER = "1.1.1"' '.FPGA_BANK_13_VER = "1.1.1"'
+bundle dpb-d '.profile = "KV721 release 2026.12 for DPB D" | .inventory.DPB_Revision = "D"' .
+bundle 2027.01 '.profile = "KV721 release 2027.01" | .fpga.banks.FPGA_BANK_2_VER = "2.9.0"' .
+rauc_install() { on_instrument rauc install "/storage/$1.raucb" >"$work/install.log" 2>&1; }
+
+echo "-- a bundle that fits installs into B, boots, passes and is marked good"
+rauc_install 2026.12 || fail "rauc install 2026.12: $(cat "$work/install.log")"
+[ "$("$image" reboot "$dir")" = B ] || fail "the bootloader did not boot the new slot B"
+expect_boot B yes 'against release KV721 release 2026.12: PASS'
+[ "$(backend)" = "A good B good " ] || fail "after the good update: $(backend)"
+on_instrument rfsysinfo --json --section fpga | grep -F '"FPGA_BANK_13_VER": "1.1.1"' ||
+    fail "slot B's FPGA images are not loaded"
+
+echo "-- a bundle for another DPB revision is refused before anything is written"
+sha256sum <"$dir/machine/release-a.img" >"$work/slot-a"
+since=$(on_instrument date +%s)
+rauc_install dpb-d && fail "rauc installed a bundle for DPB revision D: $(cat "$work/install.log")"
+# RAUC 1.8's error names the handler; its log in the journal holds what the handler said.
+grep -F 'LastError: Pre-install handler error: Child process exited with code 1' "$work/install.log" ||
+    fail "RAUC's error is not the pre-install handler's: $(cat "$work/install.log")"
+on_instrument journalctl --no-pager -q -u rauc.service --since "@$since" >"$work/rauc.log"
+grep -F '# error   release.mismatch          inventory DPB_Revision is C, release KV721 release 2026.12 for DPB D expects D' \
+    "$work/rauc.log" || fail "RAUC's log does not hold the finding: $(cat "$work/rauc.log")"
+sha256sum <"$dir/machine/release-a.img" | cmp -s - "$work/slot-a" || fail "the refused bundle wrote slot A"
+[ "$(backend)" = "A good B good " ] || fail "the refused bundle changed the bootloader: $(backend)"
+
+echo "-- a bundle whose FPGA images do not load its versions installs, is not kept, and the slot before boots"
+rauc_install 2027.01 || fail "rauc install 2027.01: $(cat "$work/install.log")"
+[ "$("$image" reboot "$dir")" = A ] || fail "the bootloader did not boot the new slot A"
+expect_boot A no 'fpga banks.FPGA_BANK_2_VER is 2.8.0, release KV721 release 2027.01 expects 2.9.0'
+[ "$(backend)" = "A bad B good " ] || fail "the failed slot is not bad: $(backend)"
+[ "$("$image" reboot "$dir")" = B ] || fail "the bootloader did not go back to slot B"
+expect_boot B yes 'against release KV721 release 2026.12: PASS'
+environment=$(tr -d '\000' <"$dir/machine/bootenv.img")
+echo "$environment" | grep -qx 'A=bad 0' || fail "the bootloader's environment: $environment"
 
 echo "== without node_exporter, and with it again"
 apt_on_instrument() { on_instrument "DEBIAN_FRONTEND=noninteractive apt-get -y -q $*" >"$work/apt.log" 2>&1; }

@@ -48,8 +48,9 @@ echo "== Mender's inventory script: name=value lines, at most 100 names"
 check 0 mender-inventory-rfsysinfo - "$sample"
 grep -v '^rfsi_temperature_' "$cases/sample-device/expected-name-value.txt" | diff -u - "$work/said" ||
     fail "the inventory is not the sample device's report (above)"
-check 0 mender-inventory-rfsysinfo - "--root $cases/control-characters-in-text/tree" 'rfsi_inventory_DPB_Revision=C\x1b[2K\x1b[1Aforged'
-! grep -qv '^rfsi_[A-Za-z0-9_]*=' "$work/said" || fail "a line that is no name=value: $(grep -v '^rfsi_[A-Za-z0-9_]*=' "$work/said")"
+check 0 mender-inventory-rfsysinfo - "--root $cases/control-characters-in-text/tree" \
+    'rfsi_inventory_DPB_Revision=C\x1b[2K\x1b[1Aforged'
+! grep -v '^rfsi_[A-Za-z0-9_]*=' "$work/said" || fail "lines that are no name=value (above)"
 [ "$(cut -d= -f1 "$work/said" | sort -u | wc -l)" -le 100 ] || fail "more than 100 names"
 
 echo "== SWUpdate's hardware revision"
