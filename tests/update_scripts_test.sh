@@ -39,9 +39,14 @@ check 2 rauc-pre-install "$refused" "$sample" 'refused the release profile'
 check 0 rauc-pre-install - "$sample" 'the bundle carries no release profile (release.json)'
 
 echo "== Mender's ArtifactCommit_Enter script: 0 commit, 1 roll back"
-check 0 ArtifactCommit_Enter_50_rfsysinfo "$release" "$sample" 'against release KV721 release 2026.11: PASS'
+check 0 ArtifactCommit_Enter_50_rfsysinfo "$release" "$sample" \
+    'against release KV721 release 2026.11 in identity, inventory, rf, fpga, dsp, cpri, calibration: PASS'
 check 1 ArtifactCommit_Enter_50_rfsysinfo "$release" "$bank_changed" 'fpga banks.FPGA_BANK_2_VER is 2.7.0'
 check 1 ArtifactCommit_Enter_50_rfsysinfo "$refused" "$sample" 'refused the release profile'
+# A unit running hot is judged in every section but the temperature: its missing calibration counts.
+check 1 ArtifactCommit_Enter_50_rfsysinfo "$release" "--root $cases/check-hot-and-calibration-missing/tree --allow-tools" \
+    'in identity, inventory, rf, fpga, dsp, cpri, calibration: FAIL, 1 error'
+grep -F 'calibration files missing' "$work/said" || fail "the missing calibration was not judged: $(cat "$work/said")"
 check 1 ArtifactCommit_Enter_50_rfsysinfo "$release" "--root $work/no-such-tree" 'cannot read'
 check 0 ArtifactCommit_Enter_50_rfsysinfo - "$sample" 'no release profile at'
 

@@ -137,8 +137,7 @@ bool optionsGoTogether(const Settings &s, bool expecting, QString &error)
          "--allow-tools goes with a device tree, not a capture: a capture replays the answers it holds"},
         {!s.capture.isEmpty() && (s.json || !s.sections.isEmpty() || s.check || s.metrics || !s.output.isEmpty()),
          "--capture takes the whole device and prints no report: it goes with no other output option"},
-        {(s.check || s.metrics) && !s.sections.isEmpty(),
-         "--check and --metrics take the whole report: they do not go with --section"},
+        {s.metrics && !s.sections.isEmpty(), "--metrics takes the whole report: it does not go with --section"},
         {s.metrics && (s.check || s.json), "--metrics is a format of its own: it goes with neither --check nor --json"},
         {s.nameValue && (s.check || s.json || s.metrics || s.diff || !s.capture.isEmpty()),
          "--name-value is a format of its own: it goes with no other output option"},
@@ -146,7 +145,7 @@ bool optionsGoTogether(const Settings &s, bool expecting, QString &error)
         {s.criticalTemperature && !s.check && !s.metrics, "--critical-temperature goes with --check or --metrics"},
         {expecting && !s.check && !s.metrics, "--expect goes with --check or --metrics"},
         {s.hardwareOnly && (!s.check || !expecting), "--hardware-only goes with --check and --expect"},
-        {s.hardwareOnly && (s.strict || s.maxCalibrationAgeDays >= 0 || s.criticalTemperature),
+        {s.hardwareOnly && (s.strict || s.maxCalibrationAgeDays >= 0 || s.criticalTemperature || !s.sections.isEmpty()),
          "--hardware-only judges the release's hardware alone: it goes with no other judgement option"},
     };
     for (const auto &[broken, message] : rules)
@@ -181,7 +180,7 @@ bool parseSettings(const QCoreApplication &app, Settings &settings, QString &err
          "FILE"},
         {"sanitize", "Replace every serial number by " + serialPlaceholder +
                          " and withhold the names of device trees and captures."},
-        {"section", "Report only this section (repeatable).", "NAME"},
+        {"section", "Report only this section (repeatable); with --check: judge only its findings.", "NAME"},
         {"check", "Judge the report: findings and a verdict (exit status 1 on an error)."},
         {"strict", "With --check: warnings fail too."},
         {"max-calibration-age", "With --check: warn about dated calibration older than DAYS days.", "DAYS"},
@@ -436,7 +435,9 @@ Made capture(const Settings &settings, const DeviceState *replayed)
 Made report(const Settings &settings, ReportSource source, const DeviceState *replayed)
 {
     ReportOptions options;
-    options.sections = settings.sections;
+    // The check judges the whole report, whose sections' findings depend on each other, and keeps the
+    // findings of the sections asked for.
+    options.sections = settings.check ? QStringList() : settings.sections;
     options.identityToolsRun = identityToolsAnswer(settings, replayed);
     Report report = collectReport(*rfSystemInfo::param(), options);
     report.collected = QDateTime::currentDateTimeUtc();
@@ -455,6 +456,7 @@ Made report(const Settings &settings, ReportSource source, const DeviceState *re
     checkOptions.criticalTemperature = settings.criticalTemperature;
     checkOptions.release = settings.release;
     checkOptions.hardwareOnly = settings.hardwareOnly;
+    checkOptions.sections = settings.sections.isEmpty() ? reportSectionNames() : settings.sections;
     QVector<Finding> findings =
         settings.check || settings.metrics ? checkReport(report, checkOptions) : QVector<Finding>();
     if (settings.sanitize)

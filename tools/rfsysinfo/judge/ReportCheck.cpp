@@ -142,6 +142,13 @@ void checkRelease(const Report &report, const CheckOptions &options, Findings &f
                                  {"actual", mismatch.actual.isUndefined() ? QJsonValue() : mismatch.actual}});
 }
 
+// The section a finding belongs to: a mismatch's own, else its id's first word ("capture" for all).
+QString sectionOf(const Finding &finding)
+{
+    return finding.id == QLatin1String("release.mismatch") ? finding.data.value("section").toString()
+                                                           : finding.id.section(QLatin1Char('.'), 0, 0);
+}
+
 } // namespace
 
 std::optional<TemperatureLimit> temperatureLimit(const Report &report, const CheckOptions &options)
@@ -170,7 +177,11 @@ QVector<Finding> checkReport(const Report &report, const CheckOptions &options)
     checkTemperatures(report, options, findings);
     checkCalibration(report, options, findings);
     checkRelease(report, options, findings);
-    return findings.list;
+    QVector<Finding> judged;
+    for (const Finding &finding : findings.list)
+        if (sectionOf(finding) == QLatin1String("capture") || options.sections.contains(sectionOf(finding)))
+            judged.push_back(finding);
+    return judged;
 }
 
 void sanitizeFindings(QVector<Finding> &findings, const QStringList &serials)

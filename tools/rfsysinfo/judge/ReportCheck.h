@@ -20,10 +20,11 @@ struct CheckOptions
 {
     int maxCalibrationAgeDays = -1; // -1: the calibration dates are not judged
     QDate today = QDate::currentDate();
-    bool strict = false;                       // warnings fail too
-    std::optional<double> criticalTemperature; // the limit where the inventory gives none
-    std::optional<ReleaseProfile> release;     // what the unit must carry
-    bool hardwareOnly = false;                 // judge only the release's hardware, nothing else
+    bool strict = false;                         // warnings fail too
+    std::optional<double> criticalTemperature;   // the limit where the inventory gives none
+    std::optional<ReleaseProfile> release;       // what the unit must carry
+    bool hardwareOnly = false;                   // judge only the release's hardware, nothing else
+    QStringList sections = reportSectionNames(); // the sections whose findings count
 };
 
 // The critical temperature the check judges by: the inventory's, else the one given.

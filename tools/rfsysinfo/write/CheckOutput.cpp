@@ -107,17 +107,20 @@ QByteArray checkText(const Report &report, const QVector<Finding> &findings, con
         text += QStringLiteral("%1 %2 %3\n")
                     .arg(QString::fromLatin1(finding.error ? "error" : "warning").leftJustified(7),
                          finding.id.leftJustified(25), terminalText(message(finding, report, options)));
-    text += terminalText(QStringLiteral("rfsysinfo %1 check of %2 (%3 %4)%5: %6, %7 and %8%9")
-                             .arg(report.source.toolVersion, sourceDescription(report.source), report.identity.model,
-                                  report.identity.serialNumber,
-                                  options.release
-                                      ? QStringLiteral(" against %1release %2")
-                                            .arg(options.hardwareOnly ? "the hardware of " : "", options.release->name)
-                                      : QString(),
-                                  QLatin1String(checkPasses(findings, strict) ? "PASS" : "FAIL"),
-                                  plural(countOf(findings, true), "error"), plural(countOf(findings, false), "warning"),
-                                  QLatin1String(strict ? " (strict: warnings fail)" : ""))) +
-            QLatin1Char('\n');
+    text +=
+        terminalText(
+            QStringLiteral("rfsysinfo %1 check of %2 (%3 %4)%5%6: %7, %8 and %9%10")
+                .arg(report.source.toolVersion, sourceDescription(report.source), report.identity.model,
+                     report.identity.serialNumber,
+                     options.release ? QStringLiteral(" against %1release %2")
+                                           .arg(options.hardwareOnly ? "the hardware of " : "", options.release->name)
+                                     : QString(),
+                     options.sections == reportSectionNames() ? QString()
+                                                              : " in " + options.sections.join(QStringLiteral(", ")),
+                     QLatin1String(checkPasses(findings, strict) ? "PASS" : "FAIL"),
+                     plural(countOf(findings, true), "error"), plural(countOf(findings, false), "warning"),
+                     QLatin1String(strict ? " (strict: warnings fail)" : ""))) +
+        QLatin1Char('\n');
     return text.toUtf8();
 }
 
@@ -137,6 +140,7 @@ QByteArray checkJson(const Report &report, const QVector<Finding> &findings, con
     document.insert("check", QJsonObject{{"verdict", checkPasses(findings, strict) ? "pass" : "fail"},
                                          {"strict", strict},
                                          {"hardwareOnly", options.hardwareOnly},
+                                         {"sections", QJsonArray::fromStringList(options.sections)},
                                          {"profile", options.release ? options.release->name : QJsonValue()},
                                          {"findings", list}});
     return jsonDocumentBytes(document);
